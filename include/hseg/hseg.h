@@ -1,0 +1,10 @@
+/* Umbrella header: the whole exported interface of libhseg. */
+#ifndef HSEG_HSEG_H_
+#define HSEG_HSEG_H_
+
+#include "hseg/pipeline.h"
+#include "hseg/flatnn.h"
+#include "hseg/crf.h"
+#include "hseg/resize.h"
+
+#endif /* HSEG_HSEG_H_ */

@@ -1,0 +1,139 @@
+/*
+ * hseg: person/background segmentation of a photo or video frame.
+ *
+ * This header holds what every subsystem of the library shares (the memory
+ * context, the status and pixel-format codes, the owned raster `Image` and
+ * the non-owning `OffscreenImage` descriptor, the memory services) and the
+ * segmentation pipeline itself.
+ *
+ * Plain C; every function has C linkage. No function keeps a pointer it was
+ * given after it returns, keeps state between calls, starts threads or logs.
+ */
+#ifndef HSEG_PIPELINE_H_
+#define HSEG_PIPELINE_H_
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define HSEG_API
+#else
+#define HSEG_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Status codes (unsigned 32-bit). Inner statuses pass up unchanged.         */
+/* ------------------------------------------------------------------------ */
+#define HSEG_OK 0u               /* success */
+#define HSEG_ERR_BAD_ARGUMENT 2u /* bad argument */
+#define HSEG_ERR_FORMAT 3u       /* unsupported pixel-format code */
+#define HSEG_ERR_NO_MEMORY 4u    /* an allocation failed, or a null record */
+#define HSEG_ERR_TABLE 5u        /* area-resize table overflow / key absent */
+
+typedef uint32_t MRESULT;
+
+/* ------------------------------------------------------------------------ */
+/* Pixel-format codes                                                         */
+/* ------------------------------------------------------------------------ */
+#define HSEG_PIXFMT_BGR24 0x201u /* 3 bytes a pixel: blue, green, red; plane 0 */
+#define HSEG_PIXFMT_YUY2 0x501u  /* packed 4:2:2, Y0 U Y1 V; plane 0 */
+#define HSEG_PIXFMT_I420 0x601u  /* planar 4:2:0: Y, U, V in planes 0, 1, 2 */
+#define HSEG_PIXFMT_NV21 0x802u  /* Y plane + interleaved V,U pairs (planes 0, 1) */
+#define HSEG_PIXFMT_NV12 0x804u  /* Y plane + interleaved U,V pairs (planes 0, 1);
+                                    accepted by the bilinear resizer only */
+#define HSEG_PIXFMT_GRAY 0x701u  /* 1 byte a pixel, grey or mask; plane 0 */
+
+/* ------------------------------------------------------------------------ */
+/* Memory context and memory services                                         */
+/* ------------------------------------------------------------------------ */
+
+/* Opaque memory-context value. It is handed unchanged to every allocating
+ * function of the library and reaches MMemAlloc/MMemFree; the library never
+ * dereferences it. Pass 0 (NULL) when you have no context of your own. */
+typedef void *MHandle;
+
+/* Allocates `size` bytes (size is widened with its sign, so a negative size
+ * fails). Returns NULL on failure; the contents are undefined. */
+HSEG_API void *MMemAlloc(MHandle handle, int32_t size);
+/* Releases a block from MMemAlloc; NULL is allowed. */
+HSEG_API void MMemFree(MHandle handle, void *ptr);
+/* Fills `count` bytes with the low 8 bits of `value`; returns `ptr`.
+ * Does nothing when ptr is NULL or count < 1. */
+HSEG_API void *MMemSet(void *ptr, int32_t value, int32_t count);
+/* Copies `count` non-overlapping bytes; returns `dst`. Does nothing when a
+ * pointer is NULL or count < 1. */
+HSEG_API void *MMemCpy(void *dst, const void *src, int32_t count);
+
+/* ------------------------------------------------------------------------ */
+/* Image records                                                              */
+/* ------------------------------------------------------------------------ */
+
+/* Owned 8-bit raster. Row i starts at data + i * pitch == rows[i].
+ *
+ * Pitch rule: b = width * channels * depth / 8 (truncated). If b is a multiple
+ * of 4 the pitch is b, otherwise (width * channels * depth / 32) * 4 + 4: for
+ * 8-bit samples the row byte count rounded up to a multiple of 4. */
+typedef struct Image {
+  uint32_t width;
+  uint32_t height;
+  uint32_t pitch;    /* bytes per row */
+  uint32_t size;     /* pitch * height */
+  uint32_t channels; /* samples per pixel */
+  uint32_t depth;    /* bits per sample (8 throughout the library) */
+  uint8_t *data;     /* first byte of row 0 */
+  uint8_t **rows;    /* `height` row pointers */
+} Image;
+
+/* Non-owning view of up to four planes. Planes and pitches that the format
+ * does not use may hold anything; the library does not read them. */
+typedef struct OffscreenImage {
+  uint32_t format; /* HSEG_PIXFMT_* */
+  int32_t width;
+  int32_t height;
+  uint8_t *planes[4];
+  int32_t pitches[4];
+} OffscreenImage;
+
+/* Creates a zeroed image that owns its data and row table. Returns NULL when
+ * an allocation fails, when width or height is negative, when depth or
+ * channels is below 1, or when width * channels * depth, pitch * height or
+ * the row table's size does not fit in a signed 32-bit integer. A height of
+ * 0 gives an image without rows. Release with release_img. */
+HSEG_API Image *createimg(MHandle handle, int32_t width, int32_t height,
+                          int32_t depth, int32_t channels);
+
+/* Deep copy of `src` (its pitch is copied, not recomputed). NULL on failure
+ * or when src is NULL. Release with release_img. */
+HSEG_API Image *cloneimg(MHandle handle, const Image *src);
+
+/* Creates a view over the caller's `buffer` with the caller's pitch taken as
+ * given (size = height * pitch). The view owns only its row table; the buffer
+ * stays the caller's and must outlive the view. Returns NULL when an
+ * allocation fails or height * pitch does not fit in 32 bits. Release with
+ * release_img_pesudo. */
+HSEG_API Image *createimg_pesudo(MHandle handle, uint8_t *buffer, uint32_t width,
+                                 uint32_t height, uint32_t depth,
+                                 uint32_t channels, uint32_t pitch);
+
+/* Releases an image from createimg/cloneimg and sets *img to NULL. A NULL
+ * `img` or a NULL *img does nothing, so a second release is harmless. */
+HSEG_API void release_img(MHandle handle, Image **img);
+
+/* Releases a view from createimg_pesudo and sets *img to NULL; never frees
+ * the caller's buffer. The row table is freed only when the view's data
+ * pointer is non-NULL: a view made over a NULL buffer keeps its row table
+ * (intended; such views are never made by the library). */
+HSEG_API void release_img_pesudo(MHandle handle, Image **img);
+
+/* Zeroes `size` bytes of the image's data when img and its data are
+ * non-NULL. Returns img. */
+HSEG_API Image *clear_img(Image *img);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* HSEG_PIPELINE_H_ */

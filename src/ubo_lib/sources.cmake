@@ -1,0 +1,3 @@
+list(APPEND HSEG_SOURCES
+  src/ubo_lib/image.cpp
+)

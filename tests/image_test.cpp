@@ -1,0 +1,169 @@
+// Image records and memory services.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "hseg/pipeline.h"
+#include "support/alloc_hooks.h"
+
+namespace {
+
+struct PitchCase {
+  int32_t width, height, depth, channels;
+  uint32_t pitch, size;
+};
+
+TEST(Image, PitchRuleRoundsRowBytesUpToFour) {
+  const PitchCase cases[] = {
+      {5, 2, 8, 3, 16, 32},         // 15 bytes -> 16
+      {473, 473, 8, 3, 1420, 1420u * 473},
+      {473, 473, 8, 1, 476, 476u * 473},
+      {60, 60, 8, 1, 60, 3600},     // already a multiple of 4
+      {1, 1, 8, 1, 4, 4},
+      {3, 1, 16, 1, 8, 8},          // 6 bytes -> 8
+      {0, 3, 8, 1, 0, 0},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << " d" << c.depth
+                                    << " c" << c.channels);
+    Image *img = createimg(nullptr, c.width, c.height, c.depth, c.channels);
+    ASSERT_NE(img, nullptr);
+    EXPECT_EQ(img->pitch, c.pitch);
+    EXPECT_EQ(img->size, c.size);
+    EXPECT_EQ(img->width, static_cast<uint32_t>(c.width));
+    EXPECT_EQ(img->channels, static_cast<uint32_t>(c.channels));
+    for (uint32_t i = 0; i < img->size; ++i) ASSERT_EQ(img->data[i], 0) << "byte " << i;
+    for (int32_t r = 0; r < c.height; ++r) EXPECT_EQ(img->rows[r], img->data + r * c.pitch);
+    release_img(nullptr, &img);
+    EXPECT_EQ(img, nullptr);
+  }
+}
+
+TEST(Image, RejectsImpossibleGeometry) {
+  EXPECT_EQ(createimg(nullptr, -1, 4, 8, 1), nullptr);
+  EXPECT_EQ(createimg(nullptr, 4, -1, 8, 1), nullptr);
+  EXPECT_EQ(createimg(nullptr, 4, 4, 0, 1), nullptr);
+  EXPECT_EQ(createimg(nullptr, 4, 4, 8, 0), nullptr);
+  EXPECT_EQ(createimg(nullptr, 1 << 28, 1, 8, 3), nullptr);      // row bits overflow
+  EXPECT_EQ(createimg(nullptr, 1 << 16, 1 << 16, 8, 1), nullptr);  // size overflow
+  EXPECT_EQ(createimg_pesudo(nullptr, nullptr, 1, 1 << 20, 8, 1, 1 << 20), nullptr);
+}
+
+TEST(Image, ReleaseIsIdempotentAndAcceptsNull) {
+  Image *img = nullptr;
+  release_img(nullptr, &img);
+  release_img(nullptr, nullptr);
+  release_img_pesudo(nullptr, &img);
+  release_img_pesudo(nullptr, nullptr);
+  img = createimg(nullptr, 7, 3, 8, 1);
+  ASSERT_NE(img, nullptr);
+  release_img(nullptr, &img);
+  release_img(nullptr, &img);
+  EXPECT_EQ(img, nullptr);
+  EXPECT_EQ(clear_img(nullptr), nullptr);
+}
+
+TEST(Image, ViewKeepsCallerPitchAndBuffer) {
+  std::vector<uint8_t> buf(10 * 7, 0xAB);
+  Image *view = createimg_pesudo(nullptr, buf.data(), 9, 7, 8, 1, 10);
+  ASSERT_NE(view, nullptr);
+  EXPECT_EQ(view->pitch, 10u);  // not rounded to a multiple of 4
+  EXPECT_EQ(view->size, 70u);
+  EXPECT_EQ(view->data, buf.data());
+  EXPECT_EQ(view->rows[6], buf.data() + 60);
+
+  // A clone of a view is owned and keeps the view's unrounded pitch.
+  Image *copy = cloneimg(nullptr, view);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_NE(copy->data, buf.data());
+  EXPECT_EQ(copy->pitch, 10u);
+  EXPECT_EQ(copy->rows[3], copy->data + 30);
+  EXPECT_EQ(std::memcmp(copy->data, buf.data(), buf.size()), 0);
+
+  clear_img(copy);
+  for (uint32_t i = 0; i < copy->size; ++i) ASSERT_EQ(copy->data[i], 0);
+  EXPECT_EQ(buf[0], 0xAB);
+
+  const int64_t live = hseg_test::alloc_live();
+  release_img_pesudo(nullptr, &view);
+  EXPECT_EQ(view, nullptr);
+  EXPECT_EQ(buf[0], 0xAB);  // the caller's buffer is untouched
+  EXPECT_EQ(hseg_test::alloc_live(), live - 2);  // record and row table
+  release_img(nullptr, &copy);
+}
+
+TEST(Image, ViewOverNullBufferKeepsItsRowTable) {
+  Image *view = createimg_pesudo(nullptr, nullptr, 4, 3, 8, 1, 4);
+  ASSERT_NE(view, nullptr);
+  uint8_t **rows = view->rows;
+  const int64_t live = hseg_test::alloc_live();
+  release_img_pesudo(nullptr, &view);
+  EXPECT_EQ(view, nullptr);
+  EXPECT_EQ(hseg_test::alloc_live(), live - 1);  // only the record went
+  MMemFree(nullptr, rows);
+}
+
+TEST(Image, EveryAllocationFailureReturnsNullWithoutLeaks) {
+  std::vector<uint8_t> buf(64);
+  const int64_t before = hseg_test::alloc_live();
+  Image src{};
+  src.width = 4;
+  src.height = 4;
+  src.pitch = 4;
+  src.size = 16;
+  src.channels = 1;
+  src.depth = 8;
+  src.data = buf.data();
+
+  struct Maker {
+    const char *name;
+    Image *(*make)(Image *);
+    void (*release)(Image **);
+  };
+  static Image *s_src;
+  s_src = &src;
+  static uint8_t *s_buf;
+  s_buf = buf.data();
+  const Maker makers[] = {
+      {"createimg", [](Image *) { return createimg(nullptr, 6, 5, 8, 3); },
+       [](Image **i) { release_img(nullptr, i); }},
+      {"cloneimg", [](Image *) { return cloneimg(nullptr, s_src); },
+       [](Image **i) { release_img(nullptr, i); }},
+      {"createimg_pesudo", [](Image *) { return createimg_pesudo(nullptr, s_buf, 4, 4, 8, 1, 4); },
+       [](Image **i) { release_img_pesudo(nullptr, i); }},
+  };
+  for (const auto &m : makers) {
+    SCOPED_TRACE(m.name);
+    const int64_t n = hseg_test::for_each_alloc_failure([&](int64_t failing) {
+      Image *img = m.make(nullptr);
+      if (failing == 0) {
+        ASSERT_NE(img, nullptr);
+        m.release(&img);
+      } else {
+        EXPECT_EQ(img, nullptr) << "allocation " << failing << " failed";
+      }
+      EXPECT_EQ(hseg_test::alloc_live(), before) << "allocation " << failing << " failed";
+    });
+    EXPECT_GE(n, 2);
+  }
+}
+
+TEST(Memory, ServicesHandleEdgeArguments) {
+  EXPECT_EQ(MMemAlloc(nullptr, -5), nullptr);
+  MMemFree(nullptr, nullptr);
+  uint8_t b[4] = {1, 2, 3, 4};
+  EXPECT_EQ(MMemSet(b, 0x1FF, 2), b);  // low 8 bits only
+  EXPECT_EQ(b[0], 0xFF);
+  EXPECT_EQ(b[1], 0xFF);
+  EXPECT_EQ(b[2], 3);
+  MMemSet(b, 7, -1);  // nothing
+  EXPECT_EQ(b[2], 3);
+  uint8_t c[4] = {9, 9, 9, 9};
+  EXPECT_EQ(MMemCpy(c, b, 3), c);
+  EXPECT_EQ(c[2], 3);
+  EXPECT_EQ(c[3], 9);
+  EXPECT_EQ(MMemCpy(c, nullptr, 3), c);
+}
+
+}  // namespace

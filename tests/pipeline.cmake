@@ -1,0 +1,1 @@
+hseg_add_test(image_test image_test.cpp)
