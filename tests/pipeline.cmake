@@ -1,1 +1,1 @@
-hseg_add_test(image_test image_test.cpp)
+hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)

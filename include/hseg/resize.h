@@ -12,6 +12,14 @@
 extern "C" {
 #endif
 
+/* ---- area resize to BGR (full and half-sampled) ---- */
+
+/* ---- end of area resize ---- */
+
+/* ---- nearest, bilinear and bicubic resizers ---- */
+
+/* ---- end of nearest, bilinear and bicubic resizers ---- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

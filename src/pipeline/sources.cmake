@@ -1,4 +1,4 @@
-list(APPEND HSEG_SOURCES
+hseg_sources(base
   src/pipeline/mem_alloc.cpp
   src/pipeline/mem_ops.cpp
 )

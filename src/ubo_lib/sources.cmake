@@ -1,3 +1,3 @@
-list(APPEND HSEG_SOURCES
+hseg_sources(base
   src/ubo_lib/image.cpp
 )
