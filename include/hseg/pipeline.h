@@ -132,6 +132,14 @@ HSEG_API void release_img_pesudo(MHandle handle, Image **img);
  * non-NULL. Returns img. */
 HSEG_API Image *clear_img(Image *img);
 
+/* ---- network pass ---- */
+
+/* ---- end of network pass ---- */
+
+/* ---- segmentation entry ---- */
+
+/* ---- end of segmentation entry ---- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
