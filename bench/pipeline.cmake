@@ -1,0 +1,5 @@
+# ---- network pass ----
+# ---- end of network pass ----
+
+# ---- segmentation entry ----
+# ---- end of segmentation entry ----
