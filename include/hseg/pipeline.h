@@ -138,6 +138,85 @@ HSEG_API Image *clear_img(Image *img);
 
 /* ---- segmentation entry ---- */
 
+/* Segments the person in `src` and writes the mask into `dst`: 255 where the
+ * person is, 0 for background.
+ *
+ * The frame is area-averaged and colour-converted to 473x473 BGR, scored by
+ * the network (two 60x60 planes), lifted to a 473x473 mask by a dense CRF
+ * guided by the colour image, and resized to dst's size by nearest neighbour.
+ * One call needs about 1.5 GB of memory, almost all of it the network's.
+ *
+ * mem:      memory context, handed unchanged to every allocation.
+ * src:      the frame, read only. Formats and the planes they read:
+ *             HSEG_PIXFMT_BGR24 plane 0, pitch 0 >= 3 * width;
+ *             HSEG_PIXFMT_YUY2  plane 0, pitch 0 >= 4 * ((width + 1) / 2);
+ *             HSEG_PIXFMT_I420  planes 0, 1, 2: Y with pitch 0 >= width, U
+ *                               and V both stepped with pitch 1 >=
+ *                               (width + 1) / 2 (pitch 2 is not read, so
+ *                               give both chroma planes the same pitch);
+ *             HSEG_PIXFMT_NV21  planes 0, 1: Y with pitch 0 >= width, V,U
+ *                               pairs with pitch 1 >= 2 * ((width + 1) / 2).
+ *           Any other format code gives HSEG_ERR_FORMAT.
+ *           The area resize only shrinks: a frame narrower or lower than
+ *           473 pixels is not enlarged, and the network then sees a black
+ *           image (the call still succeeds). Enlarge such frames first, for
+ *           example with zevImageResize_BL.
+ * dst:      the mask: width, height, plane 0 and pitch 0 are read (the format
+ *           code is not); one byte a pixel is written through plane 0, row r
+ *           at plane 0 + r * pitch 0. Bytes between rows are not touched.
+ * reserved: not used; pass 0.
+ * flags:    not used; pass 0.
+ *
+ * Returns HSEG_OK, or:
+ *   HSEG_ERR_BAD_ARGUMENT  src or dst is NULL, a plane the format needs is
+ *                          NULL, a width or height is below 1, or a pitch is
+ *                          smaller than the row it must hold. Checked before
+ *                          anything is allocated.
+ *   HSEG_ERR_FORMAT        src's format code is not one of the four above.
+ *   HSEG_ERR_NO_MEMORY     a working buffer could not be allocated (this
+ *                          includes an image of dst's size that the call
+ *                          reserves, so a dst too large to allocate fails).
+ *   HSEG_ERR_TABLE         a frame geometry the area resize cannot handle.
+ *   any other status of the network or the CRF, passed up unchanged.
+ * On any failure the mask is left as it was: it is written only by the last
+ * stage. Nothing is kept between calls; calls on different buffers may run
+ * on different threads at once. */
+HSEG_API MRESULT Hseg(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
+                      uint64_t reserved, int32_t flags);
+
+/* Wall-clock seconds spent in each stage of one segmentation call. */
+typedef struct HsegStageTimes {
+  double resize;       /* area resize and colour conversion to 473x473 */
+  double network;      /* network pass and coarse mask */
+  double crf;          /* CRF-guided upsampling to the 473x473 mask */
+  double final_resize; /* nearest-neighbour resize to dst's size */
+  double total;        /* the whole call, allocation and release included */
+} HsegStageTimes;
+
+/* Hseg, also reporting how long each stage took in `times` (may be NULL).
+ * Results and statuses are exactly those of Hseg. On failure the stages that
+ * did not run report 0; `times` is written on every path once the arguments
+ * have passed their checks. */
+HSEG_API MRESULT HsegTimed(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
+                           uint64_t reserved, int32_t flags, HsegStageTimes *times);
+
+/* Runs the network on the 473x473 BGR image `in` (plane 0, pitch 0) and
+ * writes the 60x60 coarse mask to `out`'s plane 0 as 3600 contiguous bytes
+ * (row r at offset 60 * r; out's pitch is not used): 255 where the person
+ * score beats both the background score and 0, else 0. Precisely, with a the
+ * background and b the person score of a cell, 255 when b > max(a, 0), where
+ * a NaN a counts as 0 and a NaN b, or b equal to the threshold, gives 0.
+ *
+ * scores: 7200 floats that receive the two score planes (background, then
+ *         person, 60x60 row-major each), or NULL to use a scratch buffer from
+ *         the C heap. The mask is computed from the buffer whatever the
+ *         network returned, so after a failed pass it reflects what the
+ *         buffer held before.
+ * mem, reserved, flags: not used.
+ * Returns the network's status. */
+HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenImage *out,
+                              uint64_t reserved, float *scores, int32_t flags);
+
 /* ---- end of segmentation entry ---- */
 
 #ifdef __cplusplus

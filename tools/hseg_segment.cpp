@@ -1,0 +1,708 @@
+// hseg-segment: segments the person in image files and raw video frames with
+// libhseg and writes the mask, and on request a cut-out and an overlay that
+// show the result at a glance.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <stb/stb_image.h>
+#include <stb/stb_image_write.h>
+
+#include "common/checked.h"
+#include "hseg/hseg.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;   // unreadable or unsupported input, failed segmentation or write
+constexpr int kExitUsage = 2;    // bad command line
+constexpr int32_t kNetSide = 473;
+constexpr int32_t kMaxSide = 65535;
+
+const char kUsage[] =
+    "usage: hseg-segment [options] INPUT\n"
+    "\n"
+    "Segments the person in INPUT and writes a mask: 255 for the person, 0 for\n"
+    "the background.\n"
+    "\n"
+    "INPUT is a PNG, JPEG or BMP picture, or with --raw a file of raw video\n"
+    "frames written one after the other, as a camera or a video decoder writes\n"
+    "them; every frame is segmented.\n"
+    "\n"
+    "options:\n"
+    "  -o, --mask FILE      where the mask goes. For a picture, and for raw\n"
+    "                       input when FILE ends in .png: a grey PNG. For raw\n"
+    "                       input otherwise: the masks of all frames one after\n"
+    "                       the other, one byte a pixel, rows packed.\n"
+    "                       Default: INPUT without its extension + \"-mask.png\"\n"
+    "                       (\"-mask.gray\" for raw input).\n"
+    "      --cutout FILE    also write an RGBA PNG of the picture whose alpha\n"
+    "                       is the mask (transparent background).\n"
+    "      --overlay FILE   also write an RGB PNG of the picture with the\n"
+    "                       background dimmed and the mask's edge drawn in green.\n"
+    "      --mask-size WxH  size of the mask (default: the input's size).\n"
+    "                       Cut-out and overlay keep the input's size.\n"
+    "      --raw FORMAT     INPUT holds raw frames: yuy2 (packed 4:2:2, Y0 U Y1 V),\n"
+    "                       i420 (planar 4:2:0: Y, then U, then V) or nv21 (Y,\n"
+    "                       then interleaved V,U pairs). Needs --size. Chroma of\n"
+    "                       odd sizes is rounded up; yuy2 needs an even width.\n"
+    "      --size WxH       width and height of each raw frame.\n"
+    "      --time           print the time of each stage (resize, network, CRF,\n"
+    "                       final resize) and the total; for several frames,\n"
+    "                       the mean per frame.\n"
+    "  -h, --help           print this help and exit.\n"
+    "\n"
+    "When several raw frames give PNG files (mask, cut-out, overlay), the\n"
+    "frame number is put before the extension: overlay.png becomes\n"
+    "overlay-000000.png, overlay-000001.png, ...\n"
+    "\n"
+    "Pictures and frames smaller than 473 pixels in a dimension are enlarged\n"
+    "with the library's bilinear resizer first (a note says so). On a terminal,\n"
+    "a run over several raw frames shows its progress.\n"
+    "\n"
+    "Each segmentation needs about 1.5 GB of memory. The mask means something\n"
+    "only with real network weights; the library's default weights are\n"
+    "synthetic.\n"
+    "\n"
+    "exit status: 0 success, 1 the input could not be read or segmented or an\n"
+    "output could not be written, 2 bad command line.\n";
+
+// ---------------------------------------------------------------------------
+// Command line
+// ---------------------------------------------------------------------------
+
+struct Size {
+  int32_t w = 0;
+  int32_t h = 0;
+  bool operator==(const Size &o) const { return w == o.w && h == o.h; }
+};
+
+enum class RawFormat { kNone, kYuy2, kI420, kNv21 };
+
+struct Options {
+  std::string input;
+  std::string mask;
+  std::string cutout;
+  std::string overlay;
+  Size mask_size;  // 0x0: the input's size
+  RawFormat raw = RawFormat::kNone;
+  Size raw_size;
+  bool time = false;
+  bool help = false;
+};
+
+__attribute__((format(printf, 1, 2))) void complain(const char *fmt, ...) {
+  std::fputs("hseg-segment: ", stderr);
+  va_list args;
+  va_start(args, fmt);
+  std::vfprintf(stderr, fmt, args);
+  va_end(args);
+  std::fputc('\n', stderr);
+}
+
+// Parses "WxH" with 1 <= W, H <= kMaxSide, nothing else around it.
+bool parse_size(const std::string &text, Size *out) {
+  int64_t v[2] = {0, 0};
+  size_t i = 0;
+  for (int k = 0; k < 2; ++k) {
+    const size_t start = i;
+    while (i < text.size() && text[i] >= '0' && text[i] <= '9') {
+      v[k] = v[k] * 10 + (text[i] - '0');
+      if (v[k] > kMaxSide) return false;
+      ++i;
+    }
+    if (i == start || v[k] < 1) return false;
+    if (k == 0) {
+      if (i >= text.size() || (text[i] != 'x' && text[i] != 'X')) return false;
+      ++i;
+    }
+  }
+  if (i != text.size()) return false;
+  out->w = static_cast<int32_t>(v[0]);
+  out->h = static_cast<int32_t>(v[1]);
+  return true;
+}
+
+// Returns kExitOk or kExitUsage (after a message).
+int parse_args(int argc, char **argv, Options *opt) {
+  bool options_done = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (options_done || arg.empty() || arg[0] != '-' || arg == "-") {
+      if (!opt->input.empty()) {
+        complain("more than one input given ('%s'); see --help", arg.c_str());
+        return kExitUsage;
+      }
+      opt->input = arg;
+      continue;
+    }
+    if (arg == "--") {
+      options_done = true;
+      continue;
+    }
+    std::string value;
+    bool has_inline_value = false;
+    const size_t eq = arg.find('=');
+    if (arg.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+      value = arg.substr(eq + 1);
+      arg = arg.substr(0, eq);
+      has_inline_value = true;
+    }
+    if (arg == "-h" || arg == "--help") {
+      opt->help = true;
+      continue;
+    }
+    if (arg == "--time") {
+      if (has_inline_value) {
+        complain("option --time takes no value");
+        return kExitUsage;
+      }
+      opt->time = true;
+      continue;
+    }
+    const bool takes_value = arg == "-o" || arg == "--mask" || arg == "--cutout" ||
+                             arg == "--overlay" || arg == "--mask-size" || arg == "--raw" ||
+                             arg == "--size";
+    if (!takes_value) {
+      complain("unknown option '%s'; see --help", arg.c_str());
+      return kExitUsage;
+    }
+    if (!has_inline_value) {
+      if (i + 1 >= argc) {
+        complain("option %s needs a value; see --help", arg.c_str());
+        return kExitUsage;
+      }
+      value = argv[++i];
+    }
+    if (value.empty()) {
+      complain("option %s needs a non-empty value", arg.c_str());
+      return kExitUsage;
+    }
+    if (arg == "-o" || arg == "--mask") {
+      opt->mask = value;
+    } else if (arg == "--cutout") {
+      opt->cutout = value;
+    } else if (arg == "--overlay") {
+      opt->overlay = value;
+    } else if (arg == "--mask-size" || arg == "--size") {
+      Size *target = arg == "--size" ? &opt->raw_size : &opt->mask_size;
+      if (!parse_size(value, target)) {
+        complain("bad %s '%s': expected WxH with W and H from 1 to 65535", arg.c_str(),
+                 value.c_str());
+        return kExitUsage;
+      }
+    } else {  // --raw
+      if (value == "yuy2") {
+        opt->raw = RawFormat::kYuy2;
+      } else if (value == "i420") {
+        opt->raw = RawFormat::kI420;
+      } else if (value == "nv21") {
+        opt->raw = RawFormat::kNv21;
+      } else {
+        complain("unsupported raw format '%s': expected yuy2, i420 or nv21", value.c_str());
+        return kExitUsage;
+      }
+    }
+  }
+  if (opt->help) return kExitOk;
+  if (opt->input.empty()) {
+    complain("no input file given; see --help");
+    return kExitUsage;
+  }
+  if (opt->raw != RawFormat::kNone && opt->raw_size.w == 0) {
+    complain("--raw needs --size WxH, the size of each frame");
+    return kExitUsage;
+  }
+  if (opt->raw == RawFormat::kNone && opt->raw_size.w != 0) {
+    complain("--size is for raw input; give --raw FORMAT as well");
+    return kExitUsage;
+  }
+  if (opt->raw == RawFormat::kYuy2 && opt->raw_size.w % 2 != 0) {
+    complain("yuy2 frames need an even width (two pixels share a chroma pair)");
+    return kExitUsage;
+  }
+  if (opt->mask.empty()) {
+    std::string stem = opt->input;
+    const size_t slash = stem.find_last_of('/');
+    const size_t dot = stem.find_last_of('.');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1))
+      stem.erase(dot);
+    opt->mask = stem + (opt->raw == RawFormat::kNone ? "-mask.png" : "-mask.gray");
+  }
+  return kExitOk;
+}
+
+bool ends_with_png(const std::string &name) {
+  if (name.size() < 4) return false;
+  std::string tail = name.substr(name.size() - 4);
+  for (char &c : tail) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return tail == ".png";
+}
+
+// "dir/a.png", 7 -> "dir/a-000007.png"; without an extension the number goes
+// at the end.
+std::string numbered(const std::string &name, int64_t frame) {
+  char number[32];
+  std::snprintf(number, sizeof number, "-%06" PRId64, frame);
+  const size_t slash = name.find_last_of('/');
+  const size_t dot = name.find_last_of('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+      dot == 0 || (slash != std::string::npos && dot == slash + 1))
+    return name + number;
+  return name.substr(0, dot) + number + name.substr(dot);
+}
+
+// ---------------------------------------------------------------------------
+// Pictures in, pictures out
+// ---------------------------------------------------------------------------
+
+// A packed BGR picture, 3 bytes a pixel, rows packed.
+struct Picture {
+  Size size;
+  std::vector<uint8_t> bgr;
+  OffscreenImage describe() {
+    OffscreenImage d{};
+    d.format = HSEG_PIXFMT_BGR24;
+    d.width = size.w;
+    d.height = size.h;
+    d.planes[0] = bgr.data();
+    d.pitches[0] = 3 * size.w;
+    return d;
+  }
+};
+
+bool read_file(const std::string &path, std::vector<uint8_t> *out) {
+  FILE *f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) {
+    complain("cannot open '%s': %s", path.c_str(), std::strerror(errno));
+    return false;
+  }
+  out->clear();
+  uint8_t chunk[1 << 16];
+  size_t n;
+  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) out->insert(out->end(), chunk, chunk + n);
+  const bool failed = std::ferror(f) != 0;
+  std::fclose(f);
+  if (failed) complain("cannot read '%s'", path.c_str());
+  return !failed;
+}
+
+enum class Codec { kUnknown, kPng, kJpeg, kBmp };
+
+Codec sniff(const std::vector<uint8_t> &bytes) {
+  static const uint8_t kPng[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  if (bytes.size() >= 8 && std::memcmp(bytes.data(), kPng, 8) == 0) return Codec::kPng;
+  if (bytes.size() >= 3 && bytes[0] == 0xff && bytes[1] == 0xd8 && bytes[2] == 0xff)
+    return Codec::kJpeg;
+  if (bytes.size() >= 2 && bytes[0] == 'B' && bytes[1] == 'M') return Codec::kBmp;
+  return Codec::kUnknown;
+}
+
+bool load_picture(const std::string &path, Picture *pic) {
+  std::vector<uint8_t> bytes;
+  if (!read_file(path, &bytes)) return false;
+  if (sniff(bytes) == Codec::kUnknown) {
+    complain("unsupported format of '%s': expected a PNG, JPEG or BMP picture "
+             "(for raw frames give --raw and --size)", path.c_str());
+    return false;
+  }
+  if (bytes.size() > static_cast<size_t>(INT32_MAX)) {
+    complain("'%s' is too large to decode", path.c_str());
+    return false;
+  }
+  int w = 0, h = 0, n = 0;
+  stbi_uc *rgb = stbi_load_from_memory(bytes.data(), static_cast<int>(bytes.size()), &w, &h,
+                                       &n, 3);
+  if (rgb == nullptr) {
+    complain("cannot decode '%s': %s", path.c_str(), stbi_failure_reason());
+    return false;
+  }
+  if (w > kMaxSide || h > kMaxSide) {
+    stbi_image_free(rgb);
+    complain("'%s' is larger than 65535 pixels in a dimension", path.c_str());
+    return false;
+  }
+  pic->size = Size{w, h};
+  pic->bgr.assign(rgb, rgb + size_t{3} * w * h);
+  stbi_image_free(rgb);
+  for (size_t i = 0; i < pic->bgr.size(); i += 3) std::swap(pic->bgr[i], pic->bgr[i + 2]);
+  return true;
+}
+
+bool write_png(const std::string &path, Size size, int comp, const uint8_t *data) {
+  if (stbi_write_png(path.c_str(), size.w, size.h, comp, data, size.w * comp) == 0) {
+    complain("cannot write '%s'", path.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Cut-out: the picture in RGBA with the mask as alpha.
+std::vector<uint8_t> make_cutout(const Picture &pic, const uint8_t *mask) {
+  const size_t n = size_t{1} * pic.size.w * pic.size.h;
+  std::vector<uint8_t> rgba(4 * n);
+  for (size_t i = 0; i < n; ++i) {
+    rgba[4 * i + 0] = pic.bgr[3 * i + 2];
+    rgba[4 * i + 1] = pic.bgr[3 * i + 1];
+    rgba[4 * i + 2] = pic.bgr[3 * i + 0];
+    rgba[4 * i + 3] = mask[i];
+  }
+  return rgba;
+}
+
+// Overlay: the picture in RGB with the background at 35% brightness and the
+// mask's edge drawn in green, about 1/300 of the shorter side thick.
+std::vector<uint8_t> make_overlay(const Picture &pic, const uint8_t *mask) {
+  const int32_t w = pic.size.w, h = pic.size.h;
+  const size_t n = size_t{1} * w * h;
+  // Mark the pixels on either side of every change of the mask...
+  std::vector<uint8_t> edge(n, 0);
+  for (int32_t y = 0; y < h; ++y) {
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t{1} * y * w + x;
+      if (x + 1 < w && mask[i] != mask[i + 1]) edge[i] = edge[i + 1] = 1;
+      if (y + 1 < h && mask[i] != mask[i + w]) edge[i] = edge[i + w] = 1;
+    }
+  }
+  // ...and thicken the marks with a square of radius r (separable maximum).
+  const int32_t r = std::max(0, std::min(w, h) / 300 - 1);
+  if (r > 0) {
+    std::vector<uint8_t> tmp(n, 0);
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        uint8_t m = 0;
+        for (int32_t k = std::max(0, x - r); k <= std::min(w - 1, x + r) && !m; ++k)
+          m = edge[size_t{1} * y * w + k];
+        tmp[size_t{1} * y * w + x] = m;
+      }
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        uint8_t m = 0;
+        for (int32_t k = std::max(0, y - r); k <= std::min(h - 1, y + r) && !m; ++k)
+          m = tmp[size_t{1} * k * w + x];
+        edge[size_t{1} * y * w + x] = m;
+      }
+  }
+  std::vector<uint8_t> rgb(3 * n);
+  for (size_t i = 0; i < n; ++i) {
+    uint8_t *o = &rgb[3 * i];
+    if (edge[i]) {
+      o[0] = 0;
+      o[1] = 255;
+      o[2] = 0;
+      continue;
+    }
+    const uint8_t *p = &pic.bgr[3 * i];
+    const bool person = mask[i] != 0;
+    // 90 / 256 ~ 0.35
+    o[0] = person ? p[2] : static_cast<uint8_t>((p[2] * 90) >> 8);
+    o[1] = person ? p[1] : static_cast<uint8_t>((p[1] * 90) >> 8);
+    o[2] = person ? p[0] : static_cast<uint8_t>((p[0] * 90) >> 8);
+  }
+  return rgb;
+}
+
+// ---------------------------------------------------------------------------
+// Raw frames
+// ---------------------------------------------------------------------------
+
+const char *raw_name(RawFormat f) {
+  switch (f) {
+    case RawFormat::kYuy2: return "yuy2";
+    case RawFormat::kI420: return "i420";
+    case RawFormat::kNv21: return "nv21";
+    default: return "?";
+  }
+}
+
+// Bytes of one frame; sizes are at most 65535, so this fits easily.
+int64_t frame_bytes(RawFormat f, Size s) {
+  const int64_t luma = int64_t{s.w} * s.h;
+  const int64_t chroma = int64_t{(s.w + 1) / 2} * ((s.h + 1) / 2);
+  return f == RawFormat::kYuy2 ? 2 * luma : luma + 2 * chroma;
+}
+
+OffscreenImage describe_raw(RawFormat f, Size s, uint8_t *frame) {
+  OffscreenImage d{};
+  d.width = s.w;
+  d.height = s.h;
+  const int32_t cw = (s.w + 1) / 2;
+  const size_t luma = size_t{1} * s.w * s.h;
+  const size_t chroma = size_t{1} * cw * ((s.h + 1) / 2);
+  d.planes[0] = frame;
+  switch (f) {
+    case RawFormat::kYuy2:
+      d.format = HSEG_PIXFMT_YUY2;
+      d.pitches[0] = 2 * s.w;
+      break;
+    case RawFormat::kI420:
+      d.format = HSEG_PIXFMT_I420;
+      d.pitches[0] = s.w;
+      d.planes[1] = frame + luma;
+      d.planes[2] = frame + luma + chroma;
+      d.pitches[1] = d.pitches[2] = cw;
+      break;
+    default:
+      d.format = HSEG_PIXFMT_NV21;
+      d.pitches[0] = s.w;
+      d.planes[1] = frame + luma;
+      d.pitches[1] = 2 * cw;
+      break;
+  }
+  return d;
+}
+
+// ---------------------------------------------------------------------------
+// Segmentation of one frame and its outputs
+// ---------------------------------------------------------------------------
+
+struct Totals {
+  int64_t frames = 0;
+  double enlarge = 0, resize = 0, network = 0, crf = 0, final_resize = 0, total = 0;
+  bool enlarged = false;
+};
+
+const char *status_text(MRESULT s) {
+  switch (s) {
+    case HSEG_ERR_BAD_ARGUMENT: return "bad argument";
+    case HSEG_ERR_FORMAT: return "unsupported pixel format";
+    case HSEG_ERR_NO_MEMORY: return "out of memory";
+    case HSEG_ERR_TABLE: return "frame geometry the resize cannot handle";
+    default: return "internal failure";
+  }
+}
+
+class Segmenter {
+ public:
+  Segmenter(const Options &opt, Size input, int64_t frames)
+      : opt_(opt), input_(input), frames_(frames) {
+    mask_size_ = opt.mask_size.w != 0 ? opt.mask_size : input;
+    net_size_ = Size{std::max(input.w, kNetSide), std::max(input.h, kNetSide)};
+  }
+
+  bool needs_picture() const { return !opt_.cutout.empty() || !opt_.overlay.empty(); }
+  const Totals &totals() const { return totals_; }
+
+  // Segments `src` (the frame as given) and writes every requested output.
+  // `pic` is the frame as BGR, needed for the cut-out and the overlay only.
+  // `raw_mask` receives the mask when it is a raw stream.
+  bool run(const OffscreenImage &src, const Picture *pic, int64_t frame, FILE *raw_mask) {
+    OffscreenImage net_src = src;
+    if (!(net_size_ == input_)) {
+      if (!totals_.enlarged)
+        std::fprintf(stderr,
+                     "hseg-segment: note: the input (%dx%d) is smaller than %dx%d; enlarging "
+                     "it to %dx%d (bilinear) before segmentation\n",
+                     input_.w, input_.h, kNetSide, kNetSide, net_size_.w, net_size_.h);
+      totals_.enlarged = true;
+      const auto t0 = std::chrono::steady_clock::now();
+      enlarged_.size = net_size_;
+      enlarged_.bgr.resize(size_t{3} * net_size_.w * net_size_.h);
+      const MRESULT s = zevImageResize_BL(nullptr, const_cast<OffscreenImage *>(&src),
+                                          enlarged_.bgr.data(), net_size_.w, net_size_.h,
+                                          3 * net_size_.w, 1);
+      if (s != HSEG_OK) return library_failed("enlarging the input", s);
+      totals_.enlarge += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      net_src = enlarged_.describe();
+    }
+
+    mask_.assign(size_t{1} * mask_size_.w * mask_size_.h, 0);
+    OffscreenImage dst{};
+    dst.format = HSEG_PIXFMT_GRAY;
+    dst.width = mask_size_.w;
+    dst.height = mask_size_.h;
+    dst.planes[0] = mask_.data();
+    dst.pitches[0] = mask_size_.w;
+    HsegStageTimes t{};
+    const MRESULT s = HsegTimed(nullptr, &net_src, &dst, 0, 0, &t);
+    if (s != HSEG_OK) return library_failed("segmentation", s);
+    totals_.frames += 1;
+    totals_.resize += t.resize;
+    totals_.network += t.network;
+    totals_.crf += t.crf;
+    totals_.final_resize += t.final_resize;
+    totals_.total += t.total;
+
+    if (raw_mask != nullptr) {
+      if (std::fwrite(mask_.data(), 1, mask_.size(), raw_mask) != mask_.size()) {
+        complain("cannot write '%s'", opt_.mask.c_str());
+        return false;
+      }
+    } else if (!write_png(name(opt_.mask, frame), mask_size_, 1, mask_.data())) {
+      return false;
+    }
+    if (!needs_picture()) return true;
+
+    // Cut-out and overlay are at the input's size.
+    const uint8_t *mask = mask_.data();
+    if (!(mask_size_ == input_)) {
+      input_mask_.resize(size_t{1} * input_.w * input_.h);
+      const MRESULT r = zevImageResize_NN(nullptr, mask_.data(), mask_size_.w, mask_size_.w,
+                                          mask_size_.h, input_mask_.data(), input_.w, input_.w,
+                                          input_.h, 1);
+      if (r != HSEG_OK) return library_failed("resizing the mask", r);
+      mask = input_mask_.data();
+    }
+    if (!opt_.cutout.empty() &&
+        !write_png(name(opt_.cutout, frame), input_, 4, make_cutout(*pic, mask).data()))
+      return false;
+    if (!opt_.overlay.empty() &&
+        !write_png(name(opt_.overlay, frame), input_, 3, make_overlay(*pic, mask).data()))
+      return false;
+    return true;
+  }
+
+ private:
+  std::string name(const std::string &base, int64_t frame) const {
+    return frames_ > 1 ? numbered(base, frame) : base;
+  }
+  bool library_failed(const char *what, MRESULT s) {
+    std::fprintf(stderr, "hseg-segment: %s failed: status %u (%s)\n", what, s, status_text(s));
+    return false;
+  }
+
+  const Options &opt_;
+  Size input_, mask_size_, net_size_;
+  int64_t frames_;
+  Picture enlarged_;
+  std::vector<uint8_t> mask_, input_mask_;
+  Totals totals_;
+};
+
+void print_times(const Totals &t) {
+  if (t.frames == 0) return;
+  const double k = 1000.0 / static_cast<double>(t.frames);
+  if (t.frames == 1)
+    std::printf("stage times (ms):\n");
+  else
+    std::printf("stage times (ms, mean of %" PRId64 " frames):\n", t.frames);
+  if (t.enlarged) std::printf("  enlarge       %10.1f\n", t.enlarge * k);
+  std::printf("  resize        %10.1f\n", t.resize * k);
+  std::printf("  network       %10.1f\n", t.network * k);
+  std::printf("  crf           %10.1f\n", t.crf * k);
+  std::printf("  final resize  %10.1f\n", t.final_resize * k);
+  std::printf("  total         %10.1f\n", (t.total + t.enlarge) * k);
+}
+
+void show_progress(int64_t done, int64_t frames, double elapsed) {
+  const double fps = elapsed > 0 ? static_cast<double>(done) / elapsed : 0.0;
+  const double left = fps > 0 ? static_cast<double>(frames - done) / fps : 0.0;
+  const int64_t secs = static_cast<int64_t>(left + 0.5);
+  std::fprintf(stderr, "\rframe %" PRId64 "/%" PRId64 "  %.2f frames/s  %" PRId64 ":%02" PRId64
+               ":%02" PRId64 " left   ",
+               done, frames, fps, secs / 3600, secs / 60 % 60, secs % 60);
+  if (done == frames) std::fputc('\n', stderr);
+  std::fflush(stderr);
+}
+
+int run_picture(const Options &opt) {
+  Picture pic;
+  if (!load_picture(opt.input, &pic)) return kExitFailed;
+  Segmenter seg(opt, pic.size, 1);
+  if (!seg.run(pic.describe(), &pic, 0, nullptr)) return kExitFailed;
+  if (opt.time) print_times(seg.totals());
+  return kExitOk;
+}
+
+int run_raw(const Options &opt) {
+  FILE *in = std::fopen(opt.input.c_str(), "rb");
+  if (in == nullptr) {
+    complain("cannot open '%s': %s", opt.input.c_str(), std::strerror(errno));
+    return kExitFailed;
+  }
+  int64_t file_size = -1;
+  if (fseeko(in, 0, SEEK_END) == 0) file_size = ftello(in);
+  if (file_size < 0 || fseeko(in, 0, SEEK_SET) != 0) {
+    std::fclose(in);
+    complain("cannot read '%s' (not a regular file?)", opt.input.c_str());
+    return kExitFailed;
+  }
+  const int64_t fb = frame_bytes(opt.raw, opt.raw_size);
+  if (file_size == 0 || file_size % fb != 0) {
+    std::fclose(in);
+    complain("'%s' (%" PRId64 " bytes) is not a whole number of %dx%d %s frames "
+             "(%" PRId64 " bytes each)",
+             opt.input.c_str(), file_size, opt.raw_size.w, opt.raw_size.h, raw_name(opt.raw), fb);
+    return kExitFailed;
+  }
+  const int64_t frames = file_size / fb;
+
+  const bool png_masks = ends_with_png(opt.mask);
+  FILE *mask_out = nullptr;
+  if (!png_masks) {
+    mask_out = std::fopen(opt.mask.c_str(), "wb");
+    if (mask_out == nullptr) {
+      std::fclose(in);
+      complain("cannot write '%s': %s", opt.mask.c_str(), std::strerror(errno));
+      return kExitFailed;
+    }
+  }
+
+  Segmenter seg(opt, opt.raw_size, frames);
+  std::vector<uint8_t> frame(static_cast<size_t>(fb));
+  Picture pic;
+  pic.size = opt.raw_size;
+  if (seg.needs_picture()) pic.bgr.resize(size_t{3} * opt.raw_size.w * opt.raw_size.h);
+  const bool progress = frames > 1 && isatty(STDERR_FILENO);
+  const auto t0 = std::chrono::steady_clock::now();
+  int status = kExitOk;
+  for (int64_t i = 0; i < frames && status == kExitOk; ++i) {
+    if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) {
+      complain("cannot read frame %" PRId64 " of '%s'", i, opt.input.c_str());
+      status = kExitFailed;
+      break;
+    }
+    const OffscreenImage src = describe_raw(opt.raw, opt.raw_size, frame.data());
+    if (seg.needs_picture()) {
+      // Equal sizes: the area resize is a plain colour conversion.
+      OffscreenImage bgr = pic.describe();
+      const MRESULT s = LumResizeToBGR(nullptr, const_cast<OffscreenImage *>(&src), &bgr);
+      if (s != HSEG_OK) {
+        std::fprintf(stderr, "hseg-segment: colour conversion failed: status %u (%s)\n", s,
+                     status_text(s));
+        status = kExitFailed;
+        break;
+      }
+    }
+    if (!seg.run(src, &pic, i, mask_out)) status = kExitFailed;
+    if (progress && status == kExitOk)
+      show_progress(i + 1, frames,
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+  }
+  std::fclose(in);
+  if (mask_out != nullptr && std::fclose(mask_out) != 0 && status == kExitOk) {
+    complain("cannot write '%s'", opt.mask.c_str());
+    status = kExitFailed;
+  }
+  if (status == kExitOk && opt.time) print_times(seg.totals());
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  Options opt;
+  const int parsed = parse_args(argc, argv, &opt);
+  if (parsed != kExitOk) return parsed;
+  if (opt.help) {
+    std::fputs(kUsage, stdout);
+    return kExitOk;
+  }
+  try {
+    return opt.raw == RawFormat::kNone ? run_picture(opt) : run_raw(opt);
+  } catch (const std::bad_alloc &) {
+    complain("out of memory");
+    return kExitFailed;
+  }
+}
