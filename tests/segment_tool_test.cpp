@@ -1,0 +1,137 @@
+// hseg-segment as a person uses it: messages and exit statuses for bad
+// input, and a two-frame raw YUY2 file segmented end to end.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string dir() {
+  static const std::string d = [] {
+    std::string t = ::testing::TempDir() + "hseg_segment_tool_XXXXXX";
+    std::vector<char> buf(t.begin(), t.end());
+    buf.push_back('\0');
+    const char *made = mkdtemp(buf.data());
+    return made == nullptr ? ::testing::TempDir() : std::string(made) + "/";
+  }();
+  return d;
+}
+
+std::string path(const std::string &name) { return dir() + name; }
+
+void write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
+  std::ofstream f(path(name), std::ios::binary);
+  f.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string read_file(const std::string &full) {
+  std::ifstream f(full, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+
+struct Run {
+  int status = -1;
+  std::string out, err;
+};
+
+// Runs the tool with `args` (already shell-quoted where needed).
+Run run_tool(const std::string &args) {
+  const std::string out = path("stdout.txt"), err = path("stderr.txt");
+  const std::string cmd = std::string("'") + HSEG_SEGMENT_TOOL + "' " + args + " >'" + out +
+                          "' 2>'" + err + "' </dev/null";
+  Run r;
+  const int raw = std::system(cmd.c_str());
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  r.out = read_file(out);
+  r.err = read_file(err);
+  return r;
+}
+
+TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
+  write_file("text.png", {'h', 'e', 'l', 'l', 'o', '\n'});
+  write_file("broken.png", {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 13, 'I', 'H'});
+  write_file("odd.yuy2", std::vector<uint8_t>(1000, 128));  // 16x16 frames are 512 bytes
+  write_file("empty.nv21", {});
+  const std::string text = "'" + path("text.png") + "'";
+  struct Case {
+    const char *what;
+    std::string args;
+    int status;
+    const char *message;
+  };
+  const Case cases[] = {
+      {"no input", "", 2, "no input file"},
+      {"two inputs", text + " " + text, 2, "more than one input"},
+      {"unknown option", "--bogus " + text, 2, "unknown option '--bogus'"},
+      {"option without value", text + " --mask-size", 2, "needs a value"},
+      {"zero mask size", "--mask-size 0x5 " + text, 2, "bad --mask-size '0x5'"},
+      {"mask size without height", "--mask-size=12 " + text, 2, "bad --mask-size '12'"},
+      {"mask size too large", "--mask-size 70000x2 " + text, 2, "bad --mask-size"},
+      {"unknown raw format", "--raw rgb --size 4x4 " + text, 2, "unsupported raw format 'rgb'"},
+      {"raw without size", "--raw yuy2 " + text, 2, "--raw needs --size"},
+      {"size without raw", "--size 4x4 " + text, 2, "--size is for raw input"},
+      {"odd yuy2 width", "--raw yuy2 --size 5x4 " + text, 2, "even width"},
+      {"flag with a value", "--time=1 " + text, 2, "takes no value"},
+      {"missing file", "'" + path("nothing-here.png") + "'", 1, "cannot open"},
+      {"unsupported format", text, 1, "unsupported format"},
+      {"corrupt png", "'" + path("broken.png") + "'", 1, "cannot decode"},
+      {"raw size not whole frames", "--raw yuy2 --size 16x16 '" + path("odd.yuy2") + "'", 1,
+       "(1000 bytes) is not a whole number of 16x16 yuy2 frames (512 bytes each)"},
+      {"empty raw file", "--raw nv21 --size 4x4 '" + path("empty.nv21") + "'", 1,
+       "not a whole number"},
+  };
+  for (const Case &c : cases) {
+    const Run r = run_tool(c.args);
+    EXPECT_EQ(r.status, c.status) << c.what << "\n" << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": got\n" << r.err;
+    EXPECT_EQ(r.err.rfind("hseg-segment: ", 0), 0u) << c.what;
+  }
+}
+
+TEST(SegmentTool, HelpDocumentsEveryOption) {
+  const Run r = run_tool("--help");
+  EXPECT_EQ(r.status, 0);
+  for (const char *word : {"--mask", "--cutout", "--overlay", "--mask-size", "--raw", "--size",
+                           "--time", "yuy2", "i420", "nv21", "exit status"})
+    EXPECT_NE(r.out.find(word), std::string::npos) << word;
+}
+
+TEST(SegmentTool, TwoFrameRawYuy2GivesTwoMasks) {
+  // Two 64x48 frames, a bright block on the left, then on the right; the tool
+  // enlarges them to 473x473 before segmentation and says so.
+  const int w = 64, h = 48;
+  std::vector<uint8_t> bytes;
+  for (int f = 0; f < 2; ++f)
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; x += 2) {
+        const bool block = (f == 0 ? x < w / 2 : x >= w / 2) && y > 8 && y < 40;
+        const uint8_t luma = block ? 200 : 40;
+        bytes.insert(bytes.end(), {luma, 90, luma, static_cast<uint8_t>(block ? 200 : 128)});
+      }
+  write_file("two.yuy2", bytes);
+  const Run r = run_tool("--raw yuy2 --size 64x48 --time -o '" + path("two.gray") +
+                         "' --overlay '" + path("ov.png") + "' '" + path("two.yuy2") + "'");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("enlarging"), std::string::npos) << r.err;
+  EXPECT_NE(r.out.find("mean of 2 frames"), std::string::npos) << r.out;
+  for (const char *stage : {"resize", "network", "crf", "final resize", "total"})
+    EXPECT_NE(r.out.find(stage), std::string::npos) << stage;
+
+  const std::string masks = read_file(path("two.gray"));
+  ASSERT_EQ(masks.size(), size_t{2} * w * h);
+  EXPECT_TRUE(std::all_of(masks.begin(), masks.end(),
+                          [](char c) { return c == 0 || static_cast<uint8_t>(c) == 255; }));
+  for (const char *name : {"ov-000000.png", "ov-000001.png"}) {
+    const std::string png = read_file(path(name));
+    EXPECT_GT(png.size(), 8u) << name;
+    EXPECT_EQ(png.compare(0, 4, "\x89PNG"), 0) << name;
+  }
+}
+
+}  // namespace
