@@ -35,17 +35,17 @@ std::string read_file(const std::string &full) {
   return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-struct Run {
+struct ToolRun {
   int status = -1;
   std::string out, err;
 };
 
 // Runs the tool with `args` (already shell-quoted where needed).
-Run run_tool(const std::string &args) {
+ToolRun run_tool(const std::string &args) {
   const std::string out = path("stdout.txt"), err = path("stderr.txt");
   const std::string cmd = std::string("'") + HSEG_SEGMENT_TOOL + "' " + args + " >'" + out +
                           "' 2>'" + err + "' </dev/null";
-  Run r;
+  ToolRun r;
   const int raw = std::system(cmd.c_str());
   r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
   r.out = read_file(out);
@@ -87,7 +87,7 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
        "not a whole number"},
   };
   for (const Case &c : cases) {
-    const Run r = run_tool(c.args);
+    const ToolRun r = run_tool(c.args);
     EXPECT_EQ(r.status, c.status) << c.what << "\n" << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": got\n" << r.err;
     EXPECT_EQ(r.err.rfind("hseg-segment: ", 0), 0u) << c.what;
@@ -95,7 +95,7 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
 }
 
 TEST(SegmentTool, HelpDocumentsEveryOption) {
-  const Run r = run_tool("--help");
+  const ToolRun r = run_tool("--help");
   EXPECT_EQ(r.status, 0);
   for (const char *word : {"--mask", "--cutout", "--overlay", "--mask-size", "--raw", "--size",
                            "--time", "yuy2", "i420", "nv21", "exit status"})
@@ -115,7 +115,7 @@ TEST(SegmentTool, TwoFrameRawYuy2GivesTwoMasks) {
         bytes.insert(bytes.end(), {luma, 90, luma, static_cast<uint8_t>(block ? 200 : 128)});
       }
   write_file("two.yuy2", bytes);
-  const Run r = run_tool("--raw yuy2 --size 64x48 --time -o '" + path("two.gray") +
+  const ToolRun r = run_tool("--raw yuy2 --size 64x48 --time -o '" + path("two.gray") +
                          "' --overlay '" + path("ov.png") + "' '" + path("two.yuy2") + "'");
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.err.find("enlarging"), std::string::npos) << r.err;

@@ -509,7 +509,7 @@ class Segmenter {
       const auto t0 = std::chrono::steady_clock::now();
       enlarged_.size = net_size_;
       enlarged_.bgr.resize(size_t{3} * net_size_.w * net_size_.h);
-      const MRESULT s = zevImageResize_BL(nullptr, const_cast<OffscreenImage *>(&src),
+      const MRESULT s = zevImageResize_BL(nullptr, &src,
                                           enlarged_.bgr.data(), net_size_.w, net_size_.h,
                                           3 * net_size_.w, 1);
       if (s != HSEG_OK) return library_failed("enlarging the input", s);
@@ -667,7 +667,7 @@ int run_raw(const Options &opt) {
     if (seg.needs_picture()) {
       // Equal sizes: the area resize is a plain colour conversion.
       OffscreenImage bgr = pic.describe();
-      const MRESULT s = LumResizeToBGR(nullptr, const_cast<OffscreenImage *>(&src), &bgr);
+      const MRESULT s = LumResizeToBGR(nullptr, &src, &bgr);
       if (s != HSEG_OK) {
         std::fprintf(stderr, "hseg-segment: colour conversion failed: status %u (%s)\n", s,
                      status_text(s));

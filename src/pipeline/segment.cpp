@@ -96,7 +96,7 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
 
   Clock::time_point t = Clock::now();
   OffscreenImage guide = describe(w.guide);
-  MRESULT s = LumResizeToBGR(w.mem, const_cast<OffscreenImage *>(src), &guide);
+  MRESULT s = LumResizeToBGR(w.mem, src, &guide);
   if (times != nullptr) times->resize = seconds_since(t);
   if (s != HSEG_OK) return s;
 
@@ -110,8 +110,8 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
   // The CRF starts from the two score planes; the coarse mask is not read.
   t = Clock::now();
   OffscreenImage fine = describe(w.fine);
-  params.smoothness_weight = kSmoothnessWeight;
-  params.appearance_weight = kAppearanceWeight;
+  params.smooth_weight = kSmoothnessWeight;
+  params.appear_weight = kAppearanceWeight;
   s = DCR_Upsampling2(w.mem, &guide, &params, w.scores, kScoreSide, kScoreSide, &fine);
   if (times != nullptr) times->crf = seconds_since(t);
   if (s != HSEG_OK) return s;
