@@ -1,0 +1,191 @@
+// Max and average pooling with ceil-rule sizes and windows clipped to the
+// image, and corner-aligned bilinear interpolation.
+
+// ly_interp's window checks abort in every build, so the assertion machinery
+// is declared whatever NDEBUG says.
+#undef NDEBUG
+#include <assert.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "hseg/flatnn.h"
+#include "flatnn/internal.h"
+
+using namespace hseg::flatnn;
+
+namespace {
+
+// Pooled size along one axis: ceil((in + 2*pad - kernel) / stride) + 1, the
+// quotient formed in single precision. -1 when the geometry is rejected.
+int64_t pooled_axis(int in, int kernel, int stride, int pad) {
+  if (in < 1 || kernel < 1 || stride < 1 || pad < 0) return -1;
+  if (int64_t{in} + 2 * int64_t{pad} > kMaxCount) return -1;
+  const int span = in + 2 * pad - kernel;
+  // |span| < 2^31, so the rounded-up quotient converts to int64 safely.
+  const int64_t out =
+      static_cast<int64_t>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
+  return (out >= 1 && out <= kMaxCount) ? out : -1;
+}
+
+// Clipped window [start, end) along one axis for output position p. `end`
+// may fall below `start` when the window begins past the image.
+struct Window {
+  int64_t start, end;
+};
+Window window_at(int64_t p, int stride, int pad, int kernel, int in) {
+  const int64_t start = p * stride - pad;
+  return Window{std::max<int64_t>(start, 0), std::min<int64_t>(start + kernel, in)};
+}
+
+template <bool kMax>
+uint64_t pool(const float *input, int width, int height, int channels, float *output,
+              int kernel_w, int kernel_h, int stride_w, int stride_h, int pad_w, int pad_h) {
+  if (channels < 1) return kOk;
+  const int64_t pooled_h = pooled_axis(height, kernel_h, stride_h, pad_h);
+  const int64_t pooled_w = pooled_axis(width, kernel_w, stride_w, pad_w);
+  int64_t in_count, out_count;
+  if (input == nullptr || output == nullptr || pooled_h < 1 || pooled_w < 1 ||
+      !count_of({channels, height, width}, &in_count) ||
+      !count_of({channels, pooled_h, pooled_w}, &out_count)) {
+    return kBadArgument;
+  }
+  const float *plane = input;
+  float *dst = output;
+  for (int c = 0; c < channels; ++c) {
+    for (int64_t ph = 0; ph < pooled_h; ++ph) {
+      const Window wh = window_at(ph, stride_h, pad_h, kernel_h, height);
+      for (int64_t pw = 0; pw < pooled_w; ++pw) {
+        const Window ww = window_at(pw, stride_w, pad_w, kernel_w, width);
+        float acc = kMax ? -FLT_MAX : 0.0f;
+        for (int64_t h = wh.start; h < wh.end; ++h) {
+          const float *row = plane + h * width;
+          for (int64_t w = ww.start; w < ww.end; ++w) {
+            if (kMax) {
+              if (row[w] > acc) acc = row[w];
+            } else {
+              acc += row[w];
+            }
+          }
+        }
+        // The divisor counts only the values inside the image.
+        if (!kMax) acc /= static_cast<float>((ww.end - ww.start) * (wh.end - wh.start));
+        *dst++ = acc;
+      }
+    }
+    plane += static_cast<size_t>(height) * width;
+  }
+  return kOk;
+}
+
+[[noreturn]] void interp_check_failed(const char *expr, unsigned line) {
+#if defined(__GLIBC__)
+  __assert_fail(expr, "./src/flatnn", line, "vb_cpu_interp2");
+#else
+  (void)expr;
+  (void)line;
+  std::abort();
+#endif
+}
+
+}  // namespace
+
+extern "C" {
+
+uint64_t ly_pooling_max_float(const float *input, int width, int height, int channels,
+                              float *output, int kernel_w, int kernel_h, int stride_w,
+                              int stride_h, int pad_w, int pad_h) {
+  return pool<true>(input, width, height, channels, output, kernel_w, kernel_h, stride_w,
+                    stride_h, pad_w, pad_h);
+}
+
+uint64_t ly_pooling_avg_float(const float *input, int width, int height, int channels,
+                              float *output, int kernel_w, int kernel_h, int stride_w,
+                              int stride_h, int pad_w, int pad_h) {
+  return pool<false>(input, width, height, channels, output, kernel_w, kernel_h, stride_w,
+                     stride_h, pad_w, pad_h);
+}
+
+uint64_t ly_interp(const float *input, float *output, int num, int channels, int height_in,
+                   int width_in, int pad_beg, int pad_end, int height_out, int width_out) {
+  // Source window (x1, y1, width1, height1) inside a Width1 x Height1 image;
+  // destination window (x2, y2, width2, height2) covering Width2 x Height2.
+  // Formed in int64 so that no pad value can overflow the checks.
+  const int64_t x1 = -int64_t{pad_beg}, y1 = -int64_t{pad_beg};
+  const int64_t height1 = int64_t{height_in} + pad_beg + pad_end;
+  const int64_t width1 = int64_t{width_in} + pad_beg + pad_end;
+  const int64_t Height1 = height_in, Width1 = width_in;
+  const int64_t x2 = 0, y2 = 0, height2 = height_out, width2 = width_out;
+  const int64_t Height2 = height_out, Width2 = width_out;
+  if (!(x1 >= 0 && y1 >= 0 && height1 > 0 && width1 > 0 && x2 >= 0 && y2 >= 0 && height2 > 0 &&
+        width2 > 0)) {
+    interp_check_failed(
+        "x1 >= 0 && y1 >= 0 && height1 > 0 && width1 > 0 && x2 >= 0 && y2 >= 0 && "
+        "height2 > 0 && width2 > 0",
+        731);
+  }
+  if (!(Width1 >= width1 + x1 && Height1 >= height1 + y1 && Width2 >= width2 + x2 &&
+        Height2 >= height2 + y2)) {
+    interp_check_failed(
+        "Width1 >= width1 + x1 && Height1 >= height1 + y1 && Width2 >= width2 + x2 && "
+        "Height2 >= height2 + y2",
+        732);
+  }
+  int64_t planes, in_count, out_count;
+  if (input == nullptr || output == nullptr || !count_of({num, channels}, &planes) ||
+      !count_of({planes, Height1, Width1}, &in_count) ||
+      !count_of({planes, height_out, width_out}, &out_count)) {
+    return kBadArgument;
+  }
+  const size_t in_plane = static_cast<size_t>(Height1 * Width1);
+  const size_t out_plane = static_cast<size_t>(height_out) * width_out;
+
+  if (height1 == height_out && width1 == width_out) {
+    for (int64_t p = 0; p < planes; ++p) {
+      const float *src = input + p * in_plane + y1 * Width1 + x1;
+      float *dst = output + p * out_plane;
+      for (int h2 = 0; h2 < height_out; ++h2) {
+        std::memcpy(dst + static_cast<size_t>(h2) * width_out, src + h2 * Width1,
+                    static_cast<size_t>(width_out) * sizeof(float));
+      }
+    }
+    return kOk;
+  }
+
+  // These ratios put the first and last destination rows and columns exactly
+  // on the first and last rows and columns of the source window.
+  const float rheight =
+      (height_out != 1) ? static_cast<float>(height1 - 1) / static_cast<float>(height_out - 1) : 0.0f;
+  const float rwidth =
+      (width_out != 1) ? static_cast<float>(width1 - 1) / static_cast<float>(width_out - 1) : 0.0f;
+  for (int64_t p = 0; p < planes; ++p) {
+    const float *src = input + p * in_plane;
+    float *dst = output + p * out_plane;
+    for (int h2 = 0; h2 < height_out; ++h2) {
+      const float h1r = rheight * static_cast<float>(h2);
+      // The clamp only acts on windows over 2^24 rows, where float ratios can
+      // round onto the row after the last.
+      const int h1 = std::min(static_cast<int>(h1r), static_cast<int>(height1 - 1));
+      const int h1p = (h1 < height1 - 1) ? 1 : 0;
+      const float h1lambda = h1r - static_cast<float>(h1);
+      const float h0lambda = 1.0f - h1lambda;
+      for (int w2 = 0; w2 < width_out; ++w2) {
+        const float w1r = rwidth * static_cast<float>(w2);
+        const int w1 = std::min(static_cast<int>(w1r), static_cast<int>(width1 - 1));
+        const int w1p = (w1 < width1 - 1) ? 1 : 0;
+        const float w1lambda = w1r - static_cast<float>(w1);
+        const float w0lambda = 1.0f - w1lambda;
+        const float *q = src + (y1 + h1) * Width1 + (x1 + w1);
+        const int64_t down = h1p * Width1;
+        *dst++ = (q[down + w1p] * w1lambda + q[down] * w0lambda) * h1lambda +
+                 (q[w1p] * w1lambda + q[0] * w0lambda) * h0lambda;
+      }
+    }
+  }
+  return kOk;
+}
+
+}  // extern "C"
