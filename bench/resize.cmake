@@ -1,4 +1,5 @@
 # ---- area resize to BGR ----
+hseg_add_bench(area_resize_bench LIBS hseg_resize SOURCES area_resize_bench.cpp)
 # ---- end of area resize ----
 
 # ---- nearest, bilinear and bicubic ----

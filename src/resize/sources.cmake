@@ -1,4 +1,9 @@
 # ---- area resize to BGR ----
+hseg_sources(resize
+  src/resize/area_table.cpp
+  src/resize/area_resize.cpp
+  src/resize/area_resize_sp.cpp
+)
 # ---- end of area resize ----
 
 # ---- nearest, bilinear and bicubic ----

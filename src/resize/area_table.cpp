@@ -1,0 +1,142 @@
+#include "resize/area_table.h"
+
+#include <cstddef>
+
+#include "common/checked.h"
+
+namespace hseg {
+namespace area {
+namespace {
+
+// Ceiling and floor as the column geometry rounds them: n = trunc(v + 0.5)
+// in double precision, then one step up (or down) when the single-precision
+// difference shows n on the wrong side of v.
+int32_t walk_ceil(float v) {
+  const int32_t n = static_cast<int32_t>(static_cast<double>(v) + 0.5);
+  return static_cast<float>(n) - v < 0.0f ? n + 1 : n;
+}
+
+int32_t walk_floor(float v) {
+  const int32_t n = static_cast<int32_t>(static_cast<double>(v) + 0.5);
+  return v - static_cast<float>(n) < 0.0f ? n - 1 : n;
+}
+
+// Non-negative float to a 14-bit weight, rounded half up:
+// trunc(2 * v * 16384 + 1) >> 1. The entry points keep v <= 4 (the inverse
+// footprint area is at most 4 on the half grid), so the cast cannot overflow.
+uint32_t weight_q14(float v) { return static_cast<uint32_t>(2.0f * v * 16384.0f + 1.0f) >> 1; }
+
+}  // namespace
+
+MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeEntry *table,
+                           int32_t *entries) {
+  int32_t n = 0;
+  // Every entry goes through here: the capacity check comes first, and a
+  // column past the source is refused even where the footprint's own
+  // checks below would not catch it (float drift on very wide sources).
+  auto add = [&](int32_t sx, int32_t dx, float v) {
+    if (n >= g.capacity || sx < 0 || sx >= g.columns) return false;
+    table[n].src_offset = sx * g.step;
+    table[n].dst_offset = dx * 3;
+    table[n].weight = weight_q14(v);
+    ++n;
+    return true;
+  };
+  for (int32_t dx = 0; dx < dst_width; ++dx) {
+    const float fsx1 = static_cast<float>(dx) * g.scale_x;
+    const float fsx2 = fsx1 + g.scale_x;
+    const int32_t sx1 = walk_ceil(fsx1);
+    const int32_t sx2 = walk_floor(fsx2);
+    if (sx1 >= g.columns) return HSEG_ERR_TABLE;
+    // Left edge: the part of column sx1 - 1 that the footprint covers.
+    if (static_cast<float>(sx1) > fsx1 &&
+        !add(sx1 - 1, dx, (static_cast<float>(sx1) - fsx1) * g.inv_area)) {
+      return HSEG_ERR_TABLE;
+    }
+    for (int32_t sx = sx1; sx < sx2; ++sx) {
+      if (!add(sx, dx, g.inv_area)) return HSEG_ERR_TABLE;
+    }
+    // Right edge, unless it is a sliver of float noise.
+    const float rest = fsx2 - static_cast<float>(sx2);
+    if (rest > 0.001f) {
+      if (sx2 >= g.columns || !add(sx2, dx, rest * g.inv_area)) return HSEG_ERR_TABLE;
+    }
+  }
+  *entries = n;
+  return HSEG_OK;
+}
+
+bool work_block_bytes(int32_t src_width, int32_t dst_width, int32_t *bytes) {
+  // acc = 3 * dst_width + 4; total = acc * 16 + 24 * src_width.
+  if (!mad3_i32_valid(3, dst_width, 4)) return false;
+  const int64_t acc = 3 * int64_t{dst_width} + 4;
+  if (!mul2_i32_valid(acc, 16)) return false;
+  if (!mad3_i32_valid(24, src_width, acc * 16)) return false;
+  *bytes = static_cast<int32_t>(acc * 16 + 24 * int64_t{src_width});
+  return true;
+}
+
+WorkBlock split_work_block(void *block, int32_t dst_width) {
+  const ptrdiff_t acc = 3 * ptrdiff_t{dst_width} + 4;
+  WorkBlock w;
+  w.row = static_cast<uint64_t *>(block);
+  w.carry = w.row + acc;
+  w.table = reinterpret_cast<LumResizeEntry *>(w.carry + acc);
+  return w;
+}
+
+MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) {
+  if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  const int64_t w = src->width;
+  bool planes = false;
+  switch (src->format) {
+    case HSEG_PIXFMT_BGR24:
+      planes = plane_ok(src->planes[0], src->pitches[0], bgr_row_bytes(w));
+      break;
+    case HSEG_PIXFMT_YUY2:
+      planes = plane_ok(src->planes[0], src->pitches[0], yuy2_row_bytes(w));
+      break;
+    case HSEG_PIXFMT_NV21:
+      planes = plane_ok(src->planes[0], src->pitches[0], luma_row_bytes(w)) &&
+               plane_ok(src->planes[1], src->pitches[1], nv21_chroma_row_bytes(w));
+      break;
+    case HSEG_PIXFMT_I420:
+      // Both chroma planes are stepped with pitch 1.
+      planes = plane_ok(src->planes[0], src->pitches[0], luma_row_bytes(w)) &&
+               plane_ok(src->planes[1], src->pitches[1], i420_chroma_row_bytes(w)) &&
+               src->planes[2] != nullptr;
+      break;
+    default:
+      return HSEG_ERR_FORMAT;
+  }
+  if (src->width < 1 || src->height < 1 || dst->width < 1 || dst->height < 1) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  if (!planes || !plane_ok(dst->planes[0], dst->pitches[0], bgr_row_bytes(dst->width))) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  return HSEG_OK;
+}
+
+MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, const uint8_t *dst,
+                     int32_t dst_pitch, int32_t src_step, int32_t expected_src_step,
+                     int32_t dst_step, const LumResizeEntry *table, int32_t entries,
+                     const void *acc0, const void *acc1, int64_t src_end) {
+  if (src_width < 1 || dst_width < 1 || dst_height < 1) return HSEG_ERR_BAD_ARGUMENT;
+  if (!plane_ok(dst, dst_pitch, bgr_row_bytes(dst_width))) return HSEG_ERR_BAD_ARGUMENT;
+  if (src_step != expected_src_step || dst_step != 3) return HSEG_ERR_BAD_ARGUMENT;
+  if (acc0 == nullptr || acc1 == nullptr || entries < 0) return HSEG_ERR_BAD_ARGUMENT;
+  if (entries > 0 && table == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  const int64_t dst_end = 3 * int64_t{dst_width} - 2;  // last triple starts below this
+  for (int32_t i = 0; i < entries; ++i) {
+    const LumResizeEntry &e = table[i];
+    if (e.src_offset < 0 || e.src_offset >= src_end || e.dst_offset < 0 ||
+        e.dst_offset >= dst_end) {
+      return HSEG_ERR_BAD_ARGUMENT;
+    }
+  }
+  return HSEG_OK;
+}
+
+}  // namespace area
+}  // namespace hseg

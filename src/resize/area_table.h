@@ -1,0 +1,73 @@
+// Pieces shared by the full and the half-sampled area resize: the column
+// table, the checks of caller arguments and the work-block layout.
+#ifndef HSEG_SRC_RESIZE_AREA_TABLE_H_
+#define HSEG_SRC_RESIZE_AREA_TABLE_H_
+
+#include <cstdint>
+
+#include "hseg/resize.h"
+
+namespace hseg {
+namespace area {
+
+// Bytes that one row of each plane must hold for a width of w pixels.
+inline int64_t bgr_row_bytes(int64_t w) { return 3 * w; }
+inline int64_t yuy2_row_bytes(int64_t w) { return 4 * ((w + 1) / 2); }  // whole Y0 U Y1 V groups
+inline int64_t luma_row_bytes(int64_t w) { return w; }
+inline int64_t nv21_chroma_row_bytes(int64_t w) { return 2 * ((w + 1) / 2); }  // V,U pairs
+inline int64_t i420_chroma_row_bytes(int64_t w) { return (w + 1) / 2; }
+
+// Horizontal geometry of one call. `columns` is the number of source
+// columns the table may address (the half grid for the half-sampled
+// resize); `step` turns a column into a byte offset; `capacity` is the
+// number of entries the work block holds.
+struct TableGeometry {
+  float scale_x;   // source columns per destination column
+  float inv_area;  // 1 / (scale_x * scale_y): weight of a whole source pixel
+  int32_t columns;
+  int32_t step;
+  int32_t capacity;
+};
+
+// Fills `table` for `dst_width` destination columns and stores the number
+// of entries. Returns HSEG_OK, or HSEG_ERR_TABLE when the table would
+// overrun or a footprint would address a column at or past `columns`.
+MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeEntry *table,
+                           int32_t *entries);
+
+// The resize's work block: two accumulators of 3 * dst_width + 4 64-bit
+// values, then 2 * src_width table entries of 12 bytes. Returns false when
+// its size, (3 * dst_width + 4) * 16 + 24 * src_width, does not fit in int32.
+bool work_block_bytes(int32_t src_width, int32_t dst_width, int32_t *bytes);
+
+struct WorkBlock {
+  uint64_t *row;   // 3 * dst_width + 4 values
+  uint64_t *carry; // 3 * dst_width + 4 values
+  LumResizeEntry *table;  // 2 * src_width entries
+};
+WorkBlock split_work_block(void *block, int32_t dst_width);
+
+// Checks the two descriptors of an entry point. Returns HSEG_ERR_BAD_ARGUMENT
+// for a null descriptor, HSEG_ERR_FORMAT for a source format that the area
+// resize does not read, HSEG_ERR_BAD_ARGUMENT for a size below 1, a null
+// plane that the format reads or a pitch smaller than a row; HSEG_OK else.
+MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst);
+
+// Checks what every worker gets from its caller apart from the source
+// planes: sizes, destination, steps, accumulators and that every table entry
+// reads at a source offset below `src_end` and writes a triple inside the
+// destination row. Returns HSEG_OK or HSEG_ERR_BAD_ARGUMENT.
+MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, const uint8_t *dst,
+                     int32_t dst_pitch, int32_t src_step, int32_t expected_src_step,
+                     int32_t dst_step, const LumResizeEntry *table, int32_t entries,
+                     const void *acc0, const void *acc1, int64_t src_end);
+
+// A plane is usable when it is non-null and its pitch holds a row.
+inline bool plane_ok(const uint8_t *plane, int32_t pitch, int64_t row_bytes) {
+  return plane != nullptr && pitch >= row_bytes;
+}
+
+}  // namespace area
+}  // namespace hseg
+
+#endif  // HSEG_SRC_RESIZE_AREA_TABLE_H_
