@@ -1,0 +1,52 @@
+// convmul: the row-major product, overwritten, and a failed allocation that
+// leaves the result alone.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "flatnn_test_util.h"
+#include "hseg/flatnn.h"
+
+// A request beyond the address space must come back as a null pointer (and
+// so as Eigen's std::bad_alloc) under AddressSanitizer too.
+extern "C" __attribute__((visibility("default"), used)) const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
+namespace {
+
+using namespace flatnn_test;
+
+TEST(FlatnnConvmul, RowMajorProductOverwritesResult) {
+  std::mt19937 rng(2);
+  const int shapes[][3] = {{1, 1, 1}, {3, 5, 7}, {7, 3, 5}, {64, 33, 129}, {2, 300, 1}, {5, 4, 0}};
+  for (const auto &s : shapes) {
+    const int M = s[0], N = s[1], K = s[2];
+    const auto lhs = random_floats(rng, size_t(M) * K), rhs = random_floats(rng, size_t(K) * N);
+    std::vector<float> result(size_t(M) * N, kCanary);
+    convmul(rhs.data(), lhs.data(), result.data(), M, N, K);
+    for (int i = 0; i < M; ++i)
+      for (int j = 0; j < N; ++j) {
+        double sum = 0, mag = 0;
+        for (int k = 0; k < K; ++k) sum += double(lhs[i * K + k]) * rhs[k * N + j], mag += std::fabs(lhs[i * K + k] * rhs[k * N + j]);
+        ASSERT_NEAR(result[i * N + j], sum, (K + 2) * FLT_EPSILON * mag) << M << "x" << N << "x" << K;
+      }
+  }
+}
+
+TEST(FlatnnConvmul, FailureLeavesResultUnwritten) {
+  std::vector<float> a(6, 1.0f), result(6, kCanary);
+  convmul(a.data(), a.data(), result.data(), -1, 2, 3);
+  convmul(a.data(), nullptr, result.data(), 2, 3, 2);
+  // M x N = 2^46 floats: more than the address space, so the temporary
+  // cannot be had and the product gives up before touching result.
+  const int big = 1 << 23;
+  std::vector<float> lhs(big, 1.0f), rhs(big, 1.0f);
+  convmul(rhs.data(), lhs.data(), result.data(), big, big, 1);
+  EXPECT_EQ(result, std::vector<float>(6, kCanary));
+}
+
+}  // namespace
