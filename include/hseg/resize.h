@@ -209,6 +209,189 @@ HSEG_API MRESULT lumResize_Area_YUV420PlanartoBGR_SP(
 
 /* ---- nearest, bilinear and bicubic resizers ---- */
 
+/*
+ * Common to the functions below:
+ * - Sizes are in pixels, pitches in bytes; row r of an image starts at
+ *   data + r * pitch. Pitches must be at least the bytes of one row (so they
+ *   are never negative). Bytes between the end of a row and the next row are
+ *   neither read nor written.
+ * - Arguments are checked before any memory is taken: a NULL pointer that the
+ *   call needs, a width or height below 1, a pitch smaller than its row, or a
+ *   size whose work memory or table would not fit in 32 bits gives
+ *   HSEG_ERR_BAD_ARGUMENT (2) with nothing allocated and nothing written.
+ * - Work memory comes from MMemAlloc with the caller's `mem` and is returned
+ *   before the call ends (except the bicubic cache, which the caller owns).
+ *   When MMemAlloc fails the call returns HSEG_ERR_NO_MEMORY (4) and the
+ *   destination is not written.
+ * - Source and destination must not overlap. No pointer is kept after a call.
+ */
+
+/* Nearest-neighbour resize of an 8-bit image with 1 or 3 interleaved
+ * channels (`channels` bytes a pixel).
+ *
+ * Destination column dx reads source column
+ *   sx = (min(src_width, dst_width) - 1 + 2 * dx * src_width) / (2 * dst_width)
+ * (integer division, computed without overflow), and rows likewise with the
+ * heights. Equal sizes give an exact copy.
+ *
+ * Returns HSEG_OK, HSEG_ERR_NO_MEMORY when its column table (4 * dst_width
+ * bytes) cannot be allocated, or HSEG_ERR_BAD_ARGUMENT for NULL src or dst,
+ * src_width, src_height or dst_width below 1, src_pitch below
+ * src_width * channels or dst_pitch below dst_width * channels.
+ * A channel count other than 1 or 3 writes nothing and returns HSEG_OK, and
+ * so does a dst_height below 1. */
+HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, int32_t src_pitch,
+                                   int32_t src_width, int32_t src_height, uint8_t *dst,
+                                   int32_t dst_pitch, int32_t dst_width, int32_t dst_height,
+                                   int32_t channels);
+
+/*
+ * Bilinear family. Pixel-centre mapping with 7-bit weights: destination index
+ * d maps to f = (d + 0.5) * (src / dst) - 0.5 (quotient and product in
+ * double, the product rounded to float, 0.5 subtracted in float), i0 = f
+ * truncated, weight = (int)((f - i0) * 128 + 0.5); an f below 0 gives
+ * (0, weight 0). Columns at or past the last source column copy it. Each
+ * output value is ((r1 - r0) * wy + r0 * 128 + 8192) >> 14, with r0, r1 the
+ * two source rows interpolated horizontally (7 fraction bits each).
+ *
+ * Tables, as the row workers take them: arrays of uint16_t pairs.
+ *   column table: dst_width pairs (x0, wx); the output column blends source
+ *     columns x0 and x0 + 1 with weight wx/128 on x0 + 1. wx = 0 reads x0
+ *     only, which is how the right border (x0 = src_width - 1) is stored.
+ *   row table: dst_height pairs (y0, wy), likewise; source row y0 + 1 is used
+ *     only when wy != 0 and y0 + 1 < src_height.
+ * Row buffers: two arrays of uint32_t, each dst_width values for one-channel
+ * output and 3 * dst_width for three.
+ *
+ * Sources wider or taller than 65536 pixels give HSEG_ERR_BAD_ARGUMENT (the
+ * tables hold 16-bit coordinates).
+ *
+ * Equal sizes: when the destination has exactly the source's width and
+ * height, every member of the family returns HSEG_OK at once and writes
+ * nothing: it does not copy, and zevImageResize_BL does not convert. Use a
+ * copy or the area resize for a same-size conversion.
+ */
+
+/* One 8-bit channel. Work memory: one block of (3 * dst_width + dst_height)
+ * 4-byte words. Returns HSEG_OK, HSEG_ERR_BAD_ARGUMENT, HSEG_ERR_NO_MEMORY. */
+HSEG_API MRESULT zevImageResize_BL_C1(MHandle mem, const uint8_t *src, int32_t src_width,
+                                      int32_t src_height, int32_t src_pitch, uint8_t *dst,
+                                      int32_t dst_width, int32_t dst_height, int32_t dst_pitch);
+
+/* Resizes an offscreen image to packed BGR (colour == 1, 3 bytes a pixel,
+ * dst_pitch >= 3 * dst_width) or to grey (any other colour value, 1 byte a
+ * pixel, dst_pitch >= dst_width). Source formats and what they read:
+ *
+ *   0x201 BGR24  plane 0, pitch 0 >= 3 * width.
+ *   0x501 YUY2   plane 0 (Y0 U Y1 V), pitch 0 >= 4 * ((width + 1) / 2).
+ *   0x601 I420   plane 0 Y (pitch 0 >= width); plane 1 U and plane 2 V, each
+ *                with its own pitch (pitches 1 and 2 >= (width + 1) / 2).
+ *   0x802 NV21   plane 0 Y; plane 1 interleaved chroma pairs, V first.
+ *   0x804 NV12   plane 0 Y; plane 1 interleaved chroma pairs, U first: the
+ *                mirror of 0x802. For both, pitch 1 >= 2 * ((width + 1) / 2).
+ * The 4:2:0 chroma planes have (height + 1) / 2 rows.
+ *
+ * Colour output: BGR is interpolated per channel. YUV is interpolated per
+ * component at full resolution and then converted to BGR (full range: Y as it
+ * is, 14-bit coefficients, clamped). The chroma of each source pixel comes
+ * from the shared samples: a chroma sample sits on the luma pixel of even
+ * column (and, for 4:2:0, even row) of the pixels that share it; a pixel
+ * between two samples takes their mean, (a + b + 1) >> 1, and a 4:2:0 pixel
+ * between four takes (a + b + c + d + 2) >> 2. Past the last sample on the
+ * right or at the bottom the last one is repeated.
+ *
+ * Grey output: BGR gives (13 * B + 83 * G + 32 * R) >> 7 of the interpolated
+ * channels; every YUV format gives the interpolated Y and reads only its luma
+ * (chroma planes may then be NULL).
+ *
+ * Work memory: one block of (9 * dst_width + dst_height) 4-byte words.
+ * Returns HSEG_OK, HSEG_ERR_BAD_ARGUMENT (also for a NULL src or a NULL plane
+ * that is read), HSEG_ERR_FORMAT for any other format code, or
+ * HSEG_ERR_NO_MEMORY. */
+HSEG_API MRESULT zevImageResize_BL(MHandle mem, const OffscreenImage *src, uint8_t *dst,
+                                   int32_t dst_width, int32_t dst_height, int32_t dst_pitch,
+                                   int32_t colour);
+
+/* Row worker of zevImageResize_BL: the whole destination from ready-made
+ * tables and row buffers (layouts above), for any source format and colour
+ * flag of zevImageResize_BL (grey from 4:2:0 goes through
+ * zevResize_Bilinear_YUVPlanarToGRAY). Allocates nothing. The tables are
+ * checked against the source size first: an entry outside the source or a
+ * weight above 128 gives HSEG_ERR_BAD_ARGUMENT. Returns also what
+ * zevImageResize_BL returns for the descriptor and destination (without the
+ * equal-size shortcut). */
+HSEG_API MRESULT zevImageResize_BL_Piece(const OffscreenImage *src, uint8_t *dst,
+                                         int32_t dst_width, int32_t dst_height,
+                                         int32_t dst_pitch, int32_t colour,
+                                         const uint16_t *col_tab, const uint16_t *row_tab,
+                                         uint32_t *buf0, uint32_t *buf1);
+
+/* Row worker: bilinear resize of one luma plane to grey. The source width is
+ * not passed: every column entry (x0, wx) must lie inside the plane (x0, and
+ * x0 + 1 when wx != 0, below the plane's width); the caller guarantees that.
+ * Row entries are checked against src_height and weights against 128
+ * (HSEG_ERR_BAD_ARGUMENT). Allocates nothing. */
+HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int32_t y_pitch,
+                                                    int32_t src_height, uint8_t *dst,
+                                                    int32_t dst_pitch, int32_t dst_width,
+                                                    int32_t dst_height, const uint16_t *col_tab,
+                                                    const uint16_t *row_tab, uint32_t *buf0,
+                                                    uint32_t *buf1);
+
+/*
+ * Bicubic resize of one 8-bit channel: cubic convolution kernel with
+ * a = -0.5 in 10-bit fixed point, corner-aligned mapping (destination pixel
+ * d starts at source position d * (src / dst)), edge replication past every
+ * border (also for the rows above the first and below the last).
+ */
+
+/* Caller-owned cache. Zero both fields before the first call; the resizer
+ * fills them on first use and reuses them afterwards. Free both with
+ * MMemFree (same `mem`) when done; a cache may then be zeroed and used again.
+ *
+ * The column table is built once, together with the kernel table, for the
+ * first call's widths, and later calls reuse it as it is: a cache serves one
+ * pair of sizes. A later call with a different width is still safe (every
+ * tap is clamped to its row) but resamples with the first call's column
+ * geometry; a later destination wider than the one the cache was built for
+ * gives HSEG_ERR_BAD_ARGUMENT. Use one cache per size pair. */
+typedef struct CubicCache {
+  void *work;        /* row buffers and column table, sized for one width */
+  int32_t *coef_tab; /* 1025 (near, far) weight pairs, see InitCubicCoeffTab */
+} CubicCache;
+
+/* Fills `tab` with 1025 pairs of int32 weights (2050 values, 8200 bytes):
+ * pair i < 1024 holds the kernel at distance t = i / 1024 (near) and at
+ * 1 + t (far), scaled by 1024 and rounded; pair 1024 is (0, 0). Returns
+ * HSEG_ERR_BAD_ARGUMENT for a NULL tab. */
+HSEG_API MRESULT InitCubicCoeffTab(int32_t *tab);
+
+/* Row engine. col_tab holds dst_width (x0, fraction) int32 pairs, fraction
+ * in 0..1024; columns in [first_inner, first_border) are filtered without
+ * bound tests, so each of them must have 1 <= x0 and x0 + 2 < src_width
+ * (checked: HSEG_ERR_BAD_ARGUMENT otherwise); the other columns clamp every
+ * tap to the row. row0..row3 are four buffers of dst_width int32 values
+ * (filtered rows may be negative). Allocates nothing. */
+HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int32_t src_height,
+                                      int32_t src_pitch, uint8_t *dst, int32_t dst_width,
+                                      int32_t dst_height, int32_t dst_pitch, int32_t first_inner,
+                                      int32_t first_border, const int32_t *col_tab,
+                                      const int32_t *coef_tab, int32_t *row0, int32_t *row1,
+                                      int32_t *row2, int32_t *row3);
+
+/* Resizes with the kernel and column tables kept in `cache`.
+ * Equal sizes are copied row by row (any size of at least 1). Otherwise both
+ * widths and both heights must be at least 5.
+ * Returns HSEG_OK; HSEG_ERR_BAD_ARGUMENT for a NULL cache, src or dst, a side
+ * below 1 (below 5 when resizing), a short pitch, a destination wider than
+ * the cache was built for, or a work block (32 + 24 * dst_width bytes) that
+ * does not fit in 32 bits; HSEG_ERR_NO_MEMORY when a block cannot be had (the
+ * cache keeps what it got, and the destination is not written). */
+HSEG_API MRESULT ImageResize_Cubic_C1(MHandle mem, const uint8_t *src, int32_t src_width,
+                                      int32_t src_height, int32_t src_pitch, uint8_t *dst,
+                                      int32_t dst_width, int32_t dst_height, int32_t dst_pitch,
+                                      CubicCache *cache);
+
 /* ---- end of nearest, bilinear and bicubic resizers ---- */
 
 #ifdef __cplusplus

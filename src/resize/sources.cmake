@@ -7,4 +7,10 @@ hseg_sources(resize
 # ---- end of area resize ----
 
 # ---- nearest, bilinear and bicubic ----
+hseg_sources(resize
+  src/resize/nearest.cpp
+  src/resize/bilinear.cpp
+  src/resize/bilinear_rows.cpp
+  src/resize/bicubic.cpp
+)
 # ---- end of nearest, bilinear and bicubic ----

@@ -1,0 +1,234 @@
+// Bicubic resize of one 8-bit channel: cubic convolution (a = -0.5) in 10-bit
+// fixed point, corner-aligned mapping, edge replication past every border.
+//
+// The kernel table and the column table live in a caller-owned cache. The
+// work block starts with a small header that records the geometry the column
+// table was built for, so that a later call can tell whether its width fits
+// the block and whether the stored inner column range still applies.
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "common/checked.h"
+#include "hseg/resize.h"
+
+namespace {
+
+constexpr int32_t kKernelPairs = 1025;
+constexpr int32_t kKernelBytes = kKernelPairs * 2 * 4;  // 8200
+constexpr int32_t kMinResizeSide = 5;
+
+// Header of the cache's work block, followed by four row buffers of
+// `capacity` int32 values and a column table of `capacity` (x0, fraction)
+// int32 pairs: 32 + 24 * capacity bytes.
+struct WorkHeader {
+  int32_t capacity;      // destination width the block was sized for
+  int32_t built_src_w;   // widths the column table was built for
+  int32_t built_dst_w;
+  int32_t first_inner;   // inner column range of that build
+  int32_t first_border;
+  int32_t reserved[3];
+};
+static_assert(sizeof(WorkHeader) == 32, "the header keeps the buffers 16-byte aligned");
+
+inline int32_t clamp_index(int32_t i, int32_t last) { return i < 0 ? 0 : (i > last ? last : i); }
+
+// Horizontal cubic filter of one source row into `out` (10 fraction bits).
+// Columns in [first_inner, first_border) read x0 - 1 .. x0 + 2 directly; the
+// others replicate the edge by clamping every tap to the row.
+void filter_row(const uint8_t *row, int32_t src_w, int32_t dst_w, int32_t first_inner,
+                int32_t first_border, const int32_t *col_tab, const int32_t *k, int32_t *out) {
+  const int32_t last = src_w - 1;
+  auto border = [&](int32_t dx) {
+    const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
+    const int64_t v = int64_t{row[clamp_index(x - 1, last)]} * k[2 * u + 1] +
+                      int64_t{row[clamp_index(x, last)]} * k[2 * u] +
+                      int64_t{row[clamp_index(x + 1, last)]} * k[2 * (1024 - u)] +
+                      int64_t{row[clamp_index(x + 2, last)]} * k[2 * (1024 - u) + 1];
+    out[dx] = static_cast<int32_t>(v);
+  };
+  for (int32_t dx = 0; dx < first_inner; ++dx) border(dx);
+  for (int32_t dx = first_inner; dx < first_border; ++dx) {
+    const int32_t u = col_tab[2 * dx + 1];
+    const uint8_t *p = row + col_tab[2 * dx];
+    const int64_t v = int64_t{p[-1]} * k[2 * u + 1] + int64_t{p[0]} * k[2 * u] +
+                      int64_t{p[1]} * k[2 * (1024 - u)] + int64_t{p[2]} * k[2 * (1024 - u) + 1];
+    out[dx] = static_cast<int32_t>(v);
+  }
+  for (int32_t dx = std::max(first_inner, first_border); dx < dst_w; ++dx) border(dx);
+}
+
+uint8_t clamp_u8(int64_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+
+// Corner-aligned column table; returns the inner range through the pointers.
+void build_column_table(int32_t src_w, int32_t dst_w, int32_t *col_tab, int32_t *first_inner,
+                        int32_t *first_border) {
+  const float scale = static_cast<float>(src_w) / static_cast<float>(dst_w);
+  int32_t inner = dst_w, border = 0;
+  for (int32_t dx = 0; dx < dst_w; ++dx) {
+    const float f = static_cast<float>(dx) * scale;
+    const auto x0 = static_cast<int32_t>(f);
+    const auto frac = static_cast<int32_t>((f - static_cast<float>(x0)) * 1024.0f + 0.5f);
+    col_tab[2 * dx] = std::min(std::max(x0, -2), src_w);
+    col_tab[2 * dx + 1] = frac;
+    if (x0 > 0 && inner == dst_w) inner = dx;
+    if (x0 + 2 < src_w) border = dx + 1;
+  }
+  // x0 never decreases, so the inner columns are one run; an empty run
+  // leaves every column to the bound-tested filter.
+  *first_inner = inner;
+  *first_border = std::max(border, inner);
+}
+
+}  // namespace
+
+extern "C" {
+
+HSEG_API MRESULT InitCubicCoeffTab(int32_t *tab) {
+  if (tab == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  // Cubic convolution kernel with a = -0.5, scaled by 1024 (== 1.0):
+  //   |x| <= 1:     1.5|x|^3 - 2.5|x|^2 + 1
+  //   1 < |x| < 2: -0.5|x|^3 + 2.5|x|^2 - 4|x| + 2
+  // Pair i holds the kernel at t = i / 1024 (near) and at t + 1 (far),
+  // rounded by adding 0.5 and truncating toward zero.
+  for (int32_t i = 0; i < 1024; ++i) {
+    const float t = static_cast<float>(i) * 0.0009765625f;
+    const float s = t + 1.0f;
+    tab[2 * i] = static_cast<int32_t>(((1.5f * t - 2.5f) * t * t + 1.0f) * 1024.0f + 0.5f);
+    tab[2 * i + 1] =
+        static_cast<int32_t>((((-0.5f * s + 2.5f) * s - 4.0f) * s + 2.0f) * 1024.0f + 0.5f);
+  }
+  // A fraction of 0 looks up pair 1024 for the taps at distances 1 and 2.
+  tab[2048] = 0;
+  tab[2049] = 0;
+  return HSEG_OK;
+}
+
+HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int32_t src_height,
+                                      int32_t src_pitch, uint8_t *dst, int32_t dst_width,
+                                      int32_t dst_height, int32_t dst_pitch, int32_t first_inner,
+                                      int32_t first_border, const int32_t *col_tab,
+                                      const int32_t *coef_tab, int32_t *row0, int32_t *row1,
+                                      int32_t *row2, int32_t *row3) {
+  if (src == nullptr || dst == nullptr || col_tab == nullptr || coef_tab == nullptr ||
+      row0 == nullptr || row1 == nullptr || row2 == nullptr || row3 == nullptr)
+    return HSEG_ERR_BAD_ARGUMENT;
+  if (src_width < 1 || src_height < 1 || dst_width < 1 || dst_height < 1 ||
+      src_pitch < src_width || dst_pitch < dst_width)
+    return HSEG_ERR_BAD_ARGUMENT;
+  if (first_inner < 0 || first_inner > dst_width || first_border < 0 || first_border > dst_width)
+    return HSEG_ERR_BAD_ARGUMENT;
+  for (int32_t dx = 0; dx < dst_width; ++dx) {
+    const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
+    if (u < 0 || u > 1024) return HSEG_ERR_BAD_ARGUMENT;
+    if (dx >= first_inner && dx < first_border && (x < 1 || x >= src_width - 2))
+      return HSEG_ERR_BAD_ARGUMENT;
+  }
+
+  // The four buffers hold filtered source rows; `held` says which (clamped)
+  // row each one holds. Rows y0 - 1 .. y0 + 2 are looked up among them, and
+  // only rows that none holds are filtered, into a buffer no row needs.
+  int32_t *bufs[4] = {row0, row1, row2, row3};
+  int32_t held[4] = {-1, -1, -1, -1};
+  const int32_t last_row = src_height - 1;
+  const float scale_y = static_cast<float>(src_height) / static_cast<float>(dst_height);
+  const int32_t *k = coef_tab;
+  for (int32_t dy = 0; dy < dst_height; ++dy) {
+    const float fy = static_cast<float>(dy) * scale_y;
+    const auto y0 = static_cast<int32_t>(fy);
+    const auto v = static_cast<int32_t>((fy - static_cast<float>(y0)) * 1024.0f + 0.5f);
+    int32_t need[4];
+    const int32_t *r[4] = {nullptr, nullptr, nullptr, nullptr};
+    bool used[4] = {false, false, false, false};
+    for (int i = 0; i < 4; ++i) {
+      need[i] = clamp_index(y0 - 1 + i, last_row);
+      for (int j = 0; j < 4; ++j)
+        if (held[j] == need[i]) {
+          r[i] = bufs[j];
+          used[j] = true;
+        }
+    }
+    for (int i = 0; i < 4; ++i) {
+      if (r[i] != nullptr) continue;
+      int j = 0;
+      while (used[j]) ++j;  // at most four distinct rows for four buffers
+      filter_row(src + static_cast<ptrdiff_t>(need[i]) * src_pitch, src_width, dst_width,
+                 first_inner, first_border, col_tab, k, bufs[j]);
+      held[j] = need[i];
+      used[j] = true;
+      for (int i2 = i; i2 < 4; ++i2)
+        if (need[i2] == need[i]) r[i2] = bufs[j];
+    }
+    const int64_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
+                  w3 = k[2 * (1024 - v) + 1];
+    uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
+    for (int32_t dx = 0; dx < dst_width; ++dx) {
+      const int64_t sum = r[0][dx] * w0 + r[1][dx] * w1 + r[2][dx] * w2 + r[3][dx] * w3;
+      out[dx] = clamp_u8((sum + 524288) >> 20);  // 20 fraction bits, half up
+    }
+  }
+  return HSEG_OK;
+}
+
+HSEG_API MRESULT ImageResize_Cubic_C1(MHandle mem, const uint8_t *src, int32_t src_width,
+                                      int32_t src_height, int32_t src_pitch, uint8_t *dst,
+                                      int32_t dst_width, int32_t dst_height, int32_t dst_pitch,
+                                      CubicCache *cache) {
+  if (cache == nullptr || src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  if (src_width < 1 || src_height < 1 || dst_width < 1 || dst_height < 1 ||
+      src_pitch < src_width || dst_pitch < dst_width)
+    return HSEG_ERR_BAD_ARGUMENT;
+  if (src_width == dst_width && src_height == dst_height) {
+    for (int32_t y = 0; y < dst_height; ++y)
+      MMemCpy(dst + static_cast<ptrdiff_t>(y) * dst_pitch,
+              src + static_cast<ptrdiff_t>(y) * src_pitch, dst_width);
+    return HSEG_OK;
+  }
+  if (std::min(src_width, dst_width) < kMinResizeSide ||
+      std::min(src_height, dst_height) < kMinResizeSide)
+    return HSEG_ERR_BAD_ARGUMENT;
+  if (!hseg::mad3_i32_valid(dst_width, 24, sizeof(WorkHeader))) return HSEG_ERR_BAD_ARGUMENT;
+  // A block too small for this width, or a table built for a narrower
+  // destination that this call would reuse, would be read past its end.
+  auto *head = static_cast<WorkHeader *>(cache->work);
+  if (head != nullptr && (dst_width > head->capacity ||
+                          (cache->coef_tab != nullptr && dst_width > head->built_dst_w)))
+    return HSEG_ERR_BAD_ARGUMENT;
+
+  bool rebuild = false;
+  if (head == nullptr) {
+    head = static_cast<WorkHeader *>(
+        MMemAlloc(mem, static_cast<int32_t>(sizeof(WorkHeader)) + 24 * dst_width));
+    if (head == nullptr) return HSEG_ERR_NO_MEMORY;
+    std::memset(head, 0, sizeof(WorkHeader));
+    head->capacity = dst_width;
+    cache->work = head;
+    rebuild = true;  // a new block holds no column table yet
+  }
+  if (cache->coef_tab == nullptr) {
+    auto *k = static_cast<int32_t *>(MMemAlloc(mem, kKernelBytes));
+    if (k == nullptr) return HSEG_ERR_NO_MEMORY;
+    InitCubicCoeffTab(k);
+    cache->coef_tab = k;
+    rebuild = true;
+  }
+
+  const int32_t cap = head->capacity;
+  auto *rows = reinterpret_cast<int32_t *>(head + 1);
+  int32_t *col_tab = rows + 4 * cap;
+  if (rebuild) {
+    build_column_table(src_width, dst_width, col_tab, &head->first_inner, &head->first_border);
+    head->built_src_w = src_width;
+    head->built_dst_w = dst_width;
+  }
+  // The stored inner range is valid only for the widths it was built for;
+  // any other call filters every column with clamped taps.
+  const bool same_geometry = head->built_src_w == src_width && head->built_dst_w == dst_width;
+  const int32_t first_inner = same_geometry ? head->first_inner : 0;
+  const int32_t first_border = same_geometry ? head->first_border : 0;
+  return Resize_Bicubic_8u_C1(src, src_width, src_height, src_pitch, dst, dst_width, dst_height,
+                              dst_pitch, first_inner, first_border, col_tab, cache->coef_tab,
+                              rows, rows + cap, rows + 2 * cap, rows + 3 * cap);
+}
+
+}  // extern "C"
