@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "crf/upsampling.h"
+
 #include "common/checked.h"
 #include "hseg/crf.h"
 
@@ -85,6 +87,29 @@ void lift_plane(const float *plane, uint32_t sw, int64_t step_x, int64_t step_y,
 
 }  // namespace
 
+namespace hseg {
+namespace crf {
+
+void lift_unary(const float *scores, uint32_t sw, int32_t sh, int32_t W, int32_t H,
+                float *coarse, float *unary) {
+  const size_t plane = static_cast<size_t>(sw) * static_cast<size_t>(sh);
+  for (size_t k = 0; k < 2 * plane; ++k) coarse[k] = unary_of(scores[k]);
+  // Spare row below plane 1: its last row repeated, then that row's first
+  // value once more (the sample right of the spare row's last column). The
+  // zero guard of the bottom rows is thereby decided by real scores.
+  float *spare = coarse + 2 * plane;
+  std::memcpy(spare, spare - sw, sw * sizeof(float));
+  spare[sw] = spare[0];
+  const int64_t step_x = lift_step(sw, W);
+  const int64_t step_y = lift_step(static_cast<uint32_t>(sh), H);
+  for (int label = 0; label < kLabels; ++label) {
+    lift_plane(coarse + label * plane, sw, step_x, step_y, W, H, unary, label);
+  }
+}
+
+}  // namespace crf
+}  // namespace hseg
+
 extern "C" {
 
 UpsamplingParams *ParamUpsampling2(UpsamplingParams *params) {
@@ -153,21 +178,8 @@ MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
     return HSEG_ERR_NO_MEMORY;
   }
 
-  if (st == HSEG_OK) {
-    for (size_t k = 0; k < 2 * plane; ++k) coarse[k] = unary_of(scores[k]);
-    // Spare row below plane 1: its last row repeated, then that row's first
-    // value once more (the sample right of the last column of the spare
-    // row). The zero guard of the bottom rows is thereby decided by real
-    // scores.
-    float *spare = coarse + 2 * plane;
-    std::memcpy(spare, spare - sw, sw * sizeof(float));
-    spare[sw] = spare[0];
-    for (int label = 0; label < kLabels; ++label) {
-      lift_plane(coarse + label * plane, sw, step_x, step_y, W, H, crf.unary, label);
-    }
-    st = crf_add_gaussian_potts(&crf, params->smooth_sx, params->smooth_sy,
-                                params->smooth_weight);
-  }
+  hseg::crf::lift_unary(scores, sw, sh, W, H, coarse, crf.unary);
+  st = crf_add_gaussian_potts(&crf, params->smooth_sx, params->smooth_sy, params->smooth_weight);
   if (st == HSEG_OK) {
     st = crf_add_bilateral_potts(&crf, guide->planes[0], guide->pitches[0], params->appear_sx,
                                  params->appear_sy, params->colour_s0, params->colour_s1,
