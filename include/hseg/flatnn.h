@@ -24,9 +24,9 @@
  *                             was written.
  * Arguments are checked before any buffer is touched: a null pointer that
  * the call needs, a size that must be positive and is not (kernel, stride,
- * dilation, channel and group counts, the spatial sizes of a convolution), a
- * negative pad, an output size below 1, or a size product (any tensor or
- * work-buffer element count) above INT32_MAX gives 2. Where a count of zero
+ * dilation, channel and group counts, the spatial sizes of a convolution or
+ * pooling), a negative pad, an output size below 1, or a size product (any
+ * tensor or work-buffer element count) above INT32_MAX gives 2. Where a count of zero
  * or less simply means "nothing to do" (the element-wise, data, copy and
  * concatenation layers, batch normalisation's count, pooling's channel count)
  * the layer returns 0 without reading or writing anything. ly_interp is the
@@ -201,8 +201,11 @@ HSEG_API uint64_t ly_pooling_max_float(const float *input, int width, int height
                                        int stride_w, int stride_h, int pad_w, int pad_h);
 
 /* Average pooling, same sizes and windows as ly_pooling_max_float: the float
- * sum of the window (row by row) divided by the number of values inside the
- * image, not by kernel_h*kernel_w. An empty window gives 0/0 (NaN). */
+ * sum of the window (row by row) divided by
+ * (float)((wend - wstart) * (hend - hstart)), the number of values inside the
+ * image, not by kernel_h*kernel_w. A window with no value in the image sums
+ * to 0 and is divided by that same product: NaN when an extent is 0, a
+ * signed zero when the window starts past the image (negative extent). */
 HSEG_API uint64_t ly_pooling_avg_float(const float *input, int width, int height, int channels,
                                        float *output, int kernel_w, int kernel_h,
                                        int stride_w, int stride_h, int pad_w, int pad_h);
@@ -293,8 +296,8 @@ HSEG_API uint64_t ly_slice_one2two_with_channel_float(const float *input, int a,
  *
  * The sum is a running window updated with cblas_saxpy (add the entering
  * channel, then subtract the leaving one). width and height only enter as
- * their product. local_size must be at least 1. Returns 0, 2 (bad argument)
- * or 4 (a work buffer not allocated; output untouched). */
+ * their product. local_size must be at least 1. May run in place. Returns 0,
+ * 2 (bad argument) or 4 (a work buffer not allocated; output untouched). */
 HSEG_API uint64_t ly_lrn_cross_float(const float *input, int width, int height, int channels,
                                      float *output, int local_size, float alpha, float beta);
 

@@ -108,7 +108,9 @@ void im2col(const float *input, const ConvShape &s, float *col) {
           }
           const float *row = plane + static_cast<size_t>(ih) * s.width;
           std::memset(col, 0, static_cast<size_t>(lo) * sizeof(float));
-          if (sw == 1) {
+          if (hi == lo) {
+            // no column of this kernel offset lands inside the row
+          } else if (sw == 1) {
             std::memcpy(col + lo, row + (x0 + lo), static_cast<size_t>(hi - lo) * sizeof(float));
           } else {
             const float *src = row + (x0 + lo * sw);
