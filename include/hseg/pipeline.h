@@ -134,6 +134,32 @@ HSEG_API Image *clear_img(Image *img);
 
 /* ---- network pass ---- */
 
+/* Runs the segmentation network (a pyramid-pooling head on a 101-layer
+ * dilated residual backbone) on one 473x473 BGR image and writes its two
+ * 60x60 score planes.
+ *
+ * bgr:      473 rows of 473 pixels, 3 bytes a pixel in B, G, R order; row r
+ *           starts at bgr + r * pitch. Read only.
+ * pitch:    bytes from one row to the next, at least 1419 (= 3 * 473).
+ * scores:   7200 floats: plane 0 (background), then plane 1 (person), each
+ *           60x60 row-major. Written only on success, all at once at the end.
+ * reserved: not used; pass 0.
+ *
+ * The weights are the read-only data symbols of libdeeplab_data.so (see
+ * docs/weights.md); the library is linked against it, so another build of
+ * that library with the same symbols can be swapped in without relinking.
+ * The pass takes its tensors from the C heap (not MMemAlloc) and releases
+ * each after its last use, so one call peaks at a few hundred MB beside the
+ * 263 MB of weights. No state is kept between calls; calls on different
+ * buffers may run at once. Any parallelism is inside the BLAS library.
+ *
+ * Returns HSEG_OK, HSEG_ERR_BAD_ARGUMENT when bgr or scores is NULL or pitch
+ * is below 1419, HSEG_ERR_NO_MEMORY when a tensor cannot be allocated, or the
+ * status of a layer that failed. On failure everything allocated is released
+ * and scores is left untouched. */
+HSEG_API MRESULT fr_extract_feature_deeplab_pspnet(const uint8_t *bgr, int32_t pitch,
+                                                   float *scores, uint64_t reserved);
+
 /* ---- end of network pass ---- */
 
 /* ---- segmentation entry ---- */
@@ -144,7 +170,9 @@ HSEG_API Image *clear_img(Image *img);
  * The frame is area-averaged and colour-converted to 473x473 BGR, scored by
  * the network (two 60x60 planes), lifted to a 473x473 mask by a dense CRF
  * guided by the colour image, and resized to dst's size by nearest neighbour.
- * One call needs about 1.5 GB of memory, almost all of it the network's.
+ * Most of a call's memory is the network pass's (see
+ * fr_extract_feature_deeplab_pspnet) and the CRF's; Hseg itself adds about
+ * 1 MB of working images and one image of dst's size.
  *
  * mem:      memory context, handed unchanged to every allocation.
  * src:      the frame, read only. Formats and the planes they read:

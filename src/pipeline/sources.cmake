@@ -4,7 +4,16 @@ hseg_sources(base
 )
 
 # ---- network pass ----
+hseg_sources(pipeline
+  src/pipeline/network.cpp
+  src/pipeline/network_entry.cpp
+  src/pipeline/net_kernels.cpp
+  src/pipeline/net_layers.cpp
+)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----
+hseg_sources(pipeline
+  src/pipeline/segment.cpp
+)
 # ---- end of segmentation entry ----

@@ -1,0 +1,63 @@
+// Internal entry of the network pass, with the hooks the tests and the
+// benchmark use. fr_extract_feature_deeplab_pspnet is net_forward with the
+// linked weights and no hooks.
+#ifndef HSEG_SRC_PIPELINE_NETWORK_H_
+#define HSEG_SRC_PIPELINE_NETWORK_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "hseg/pipeline.h"
+
+namespace hseg {
+
+inline constexpr int kNetInputSize = 473;
+inline constexpr int kNetScoreSize = 60;
+inline constexpr int kNetScoreCount = 2 * kNetScoreSize * kNetScoreSize;
+
+// One finished tensor of the pass, shown to the tap: the input tensor
+// ("data"), each stem layer, "pool1", each block's output ("conv3_1"), each
+// pyramid branch after its resize ("conv5_3_pool6_interp"), "conv5_4" and
+// "fc8_zembdata". The plain route also shows "conv5_3_concat". Values are
+// final (after batch norm and ReLU); the pointer is valid only during the call.
+struct NetTap {
+  const char *name;
+  const float *data;
+  int channels, height, width;
+};
+
+struct NetHooks {
+  // Every tensor and work buffer the pass allocates itself goes through
+  // alloc/release (malloc/free when alloc is null). `what` names the tensor,
+  // e.g. "conv4_12" for that block's output or "conv4_12_3x3" for a layer's.
+  // Work buffers inside the exported layer functions are not included.
+  void *(*alloc)(void *user, size_t bytes, const char *what) = nullptr;
+  void (*release)(void *user, void *ptr) = nullptr;
+  // Called with every finished tensor listed above, in order of execution.
+  void (*tap)(void *user, const NetTap &tensor) = nullptr;
+  void *user = nullptr;
+  // Route every layer through the exported layer functions (one column copy
+  // per convolution, batch norm, ReLU and sum as separate calls, 156 tensors)
+  // instead of the network's fused kernels. Both give the same bits.
+  bool plain = false;
+  // Keep every tensor until the pass ends instead of releasing each after
+  // its last use.
+  bool keep_all = false;
+  // Called after every convolution that a batch norm follows, with its raw
+  // output, before the batch norm reads its four arrays; the weights tool
+  // sets running statistics here. Setting it selects the plain route.
+  void (*conv_output)(void *user, int layer, const float *data, int c, int h, int w) = nullptr;
+};
+
+// The 557 weight arrays in the order of net_tensor(); linked from
+// libdeeplab_data.so.
+const float *const *net_linked_weights();
+
+// The whole pass. Arguments as fr_extract_feature_deeplab_pspnet; `weights`
+// holds kNetTensorCount arrays; `hooks` may be null.
+MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
+                    const float *const *weights, const NetHooks *hooks);
+
+}  // namespace hseg
+
+#endif  // HSEG_SRC_PIPELINE_NETWORK_H_
