@@ -4,8 +4,8 @@ hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----
-# Runs the full pipeline a few times (seconds each): the network's memory,
-# about 1.5 GB a pass, is needed four times over by the threaded test.
+# Runs the full pipeline a few times (seconds each), four at once in the
+# threaded test.
 hseg_add_test(segment_test LIBS hseg_pipeline SOURCES segment_test.cpp)
 if(TARGET hseg-segment)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)

@@ -71,9 +71,8 @@ const char kUsage[] =
     "with the library's bilinear resizer first (a note says so). On a terminal,\n"
     "a run over several raw frames shows its progress.\n"
     "\n"
-    "Each segmentation needs about 1.5 GB of memory. The mask means something\n"
-    "only with real network weights; the library's default weights are\n"
-    "synthetic.\n"
+    "The mask means something only with real network weights; the library's\n"
+    "default weights are synthetic.\n"
     "\n"
     "exit status: 0 success, 1 the input could not be read or segmented or an\n"
     "output could not be written, 2 bad command line.\n";
