@@ -191,6 +191,17 @@ TEST(LatticeFilter, ConstantComesBackTimesTheWeightAndSmoothStaysSmooth) {
     }
   EXPECT_LT(max_out_step, 1.2f * max_in_step);
   ppil_release(&filter);
+
+  // Normalisation 0: one factor for all points, N over the summed response.
+  ASSERT_EQ(ppil_init(nullptr, &filter, f.data(), 2, W * H, 0, 1.0f), HSEG_OK);
+  LatticeFilter per_point;
+  ASSERT_EQ(ppil_init(nullptr, &per_point, f.data(), 2, W * H, 1, 1.0f), HSEG_OK);
+  float sum = 0.0f;
+  for (int i = 0; i < W * H; ++i) sum += 1.0f / per_point.norm[i] - 1e-20f;
+  for (int i = 0; i < W * H; ++i) ASSERT_NEAR(filter.norm[i], W * H / sum, 1e-4f * filter.norm[0]);
+  EXPECT_EQ(filter.norm[0], filter.norm[W * H - 1]);
+  ppil_release(&per_point);
+  ppil_release(&filter);
 }
 
 // ppil_apply slices straight into the accumulation; it must equal the plain

@@ -76,7 +76,8 @@ HSEG_API MRESULT phash_find(LatticeHash *table, const int16_t *key, uint32_t cre
 /* Doubles the slot count and rehashes; entry indices do not change. Called
  * by phash_find. On a failed allocation it frees the old arrays, leaves the
  * record holding the new (possibly null) arrays and returns 4: the table is
- * then unusable and must be released. */
+ * then unusable and must be released. When the doubled table would not fit
+ * 32-bit byte counts it returns 4 and leaves the table as it was. */
 HSEG_API MRESULT phash_grow(LatticeHash *table);
 
 /* ======================================================================== */
