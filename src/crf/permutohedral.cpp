@@ -4,10 +4,14 @@
 // vertices of its enclosing simplex, blurred with (0.5, 1, 0.5) along the
 // d + 1 lattice directions and sliced back with the same barycentric weights.
 //
-// The build and the filtering are templates on the dimension (and the number
-// of values per point); the instantiation with 0 takes the sizes at run time
-// and is the plain reference. The specialised instantiations run the same
-// statements in the same order, so every float result is identical.
+// Each step has a plain reference that follows the algorithm literally with
+// the sizes taken at run time (build_points_reference, the <0, 0> kernels),
+// and a fast path: dimensions 2 and 5 fixed at compile time, inline rounding
+// and branch-free ranking, hash slots prefetched a block ahead, a point in
+// the previous point's simplex reusing its indices, and SSE2 kernels for two
+// values per point. The fast paths perform the same float operations in the
+// same order and the same table insertions, so they give the same bits; the
+// tests compare them.
 #include "crf/permutohedral.h"
 
 #include <cmath>
