@@ -1,6 +1,29 @@
 hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 
 # ---- network pass ----
+# Whole passes on the linked weights take a few seconds each; the suite runs
+# about a dozen (one of them the plain route, which holds 1.5 GB).
+hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
+target_compile_definitions(network_test PRIVATE
+  HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
+
+# The weights file reader on small files, and the hseg-weights program on the
+# build's weights file and data library.
+hseg_add_test(weights_tool_test SOURCES weights_tool_test.cpp
+  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
+target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+target_link_libraries(weights_tool_test PRIVATE nlohmann_json::nlohmann_json)
+if(HSEG_WEIGHTS)
+  set(synthetic 0)
+else()
+  set(synthetic 1)
+endif()
+target_compile_definitions(weights_tool_test PRIVATE
+  HSEG_WEIGHTS_TOOL="$<TARGET_FILE:hseg-weights>"
+  HSEG_WEIGHTS_FILE="${HSEG_WEIGHTS_FILE}"
+  HSEG_DATA_LIBRARY="$<TARGET_FILE:deeplab_data>"
+  HSEG_WEIGHTS_SYNTHETIC=${synthetic})
+add_dependencies(weights_tool_test hseg-weights deeplab_data)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----

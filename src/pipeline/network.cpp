@@ -398,6 +398,8 @@ MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
       pitch < 3 * kNetInputSize) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
+  for (int i = 0; i < kNetTensorCount; ++i)
+    if (weights[i] == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   Pass pass(weights, hooks);
   return pass.run(bgr, pitch, scores);
 }
