@@ -234,10 +234,12 @@ HSEG_API MRESULT lumResize_Area_YUV420PlanartoBGR_SP(
  * (integer division, computed without overflow), and rows likewise with the
  * heights. Equal sizes give an exact copy.
  *
- * Returns HSEG_OK, HSEG_ERR_NO_MEMORY when its column table (4 * dst_width
- * bytes) cannot be allocated, or HSEG_ERR_BAD_ARGUMENT for NULL src or dst,
- * src_width, src_height or dst_width below 1, src_pitch below
- * src_width * channels or dst_pitch below dst_width * channels.
+ * Work memory: one block of 4 * dst_width bytes (the column table), plus
+ * 20 bytes per 16 columns for one channel (a shuffle table for enlargements).
+ * Returns HSEG_OK, HSEG_ERR_NO_MEMORY when that block cannot be allocated, or
+ * HSEG_ERR_BAD_ARGUMENT for NULL src or dst, src_width, src_height or
+ * dst_width below 1, src_pitch below src_width * channels, dst_pitch below
+ * dst_width * channels, or dst_width * 6 beyond 32 bits.
  * A channel count other than 1 or 3 writes nothing and returns HSEG_OK, and
  * so does a dst_height below 1. */
 HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, int32_t src_pitch,

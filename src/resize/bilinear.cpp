@@ -190,11 +190,15 @@ void bl_rows(const OffscreenImage &s, uint8_t *dst, int32_t dst_w, int32_t dst_h
     walk_rows(s.height, dst_h, row_tab, b0, b1, fill,
               [&](int32_t dy, const uint32_t *r0, const uint32_t *r1, uint32_t wy) {
                 uint8_t *out = out_row(dy);
+                // Each channel rounded to 8 bits as in bilinear_blend_ref.
+                auto channel = [wy](uint32_t a, uint32_t b) {
+                  return ((b - a) * wy + a * 128u + 8192u) >> 14;
+                };
                 for (int32_t i = 0; i < dst_w; ++i, r0 += 3, r1 += 3) {
-                  uint8_t bgr[3];
-                  hseg::bilinear_blend_ref(r0, r1, wy, bgr, 3);
                   // Weights 13/128, 83/128, 32/128 (sum 128) for blue, green, red.
-                  out[i] = static_cast<uint8_t>((13 * bgr[0] + 83 * bgr[1] + 32 * bgr[2]) >> 7);
+                  out[i] = static_cast<uint8_t>((13 * channel(r0[0], r1[0]) +
+                                                 83 * channel(r0[1], r1[1]) +
+                                                 32 * channel(r0[2], r1[2])) >> 7);
                 }
               });
     return;

@@ -50,15 +50,46 @@ void fill_c1(const uint8_t *row, const uint16_t *col_tab, int32_t n, uint32_t *o
   }
 }
 
-// Chroma of full-resolution pixel x: the mean of the two (or, between chroma
-// rows, four) samples around it, rounded half up. On a sample position all
-// taps are the same sample and the sum divides exactly; between two samples
-// (a + a + b + b + 2) >> 2 == (a + b + 1) >> 1.
-inline int32_t chroma_at(const uint8_t *c0, const uint8_t *c1, int32_t step, int32_t x,
-                         int32_t last_pair) {
-  const int32_t k = (x >> 1) * step;
-  const int32_t k2 = ((x & 1) != 0 && (x >> 1) < last_pair) ? k + step : k;
-  return (c0[k] + c0[k2] + c1[k] + c1[k2] + 2) >> 2;
+// Chroma (U and V) of full-resolution pixel x: the mean of the two samples
+// around it, or between chroma rows of the four, rounded half up. On a sample
+// position both taps are the same sample, and (a + a + 1) >> 1 == a; with two
+// chroma rows, (a + a + b + b + 2) >> 2 == (a + b + 1) >> 1 covers pixels
+// that lie between rows only.
+template <bool kTwoRows>
+inline void chroma_at(const YuvRow &r, int32_t x, int32_t *u, int32_t *v) {
+  const int32_t k = (x >> 1) * r.c_step;
+  // Without a branch: odd and even columns alternate unpredictably.
+  const int32_t next = (x & 1) & static_cast<int32_t>((x >> 1) < r.last_pair);
+  const int32_t k2 = k + next * r.c_step;
+  if (kTwoRows) {
+    *u = (r.u0[k] + r.u0[k2] + r.u1[k] + r.u1[k2] + 2) >> 2;
+    *v = (r.v0[k] + r.v0[k2] + r.v1[k] + r.v1[k2] + 2) >> 2;
+  } else {
+    *u = (r.u0[k] + r.u0[k2] + 1) >> 1;
+    *v = (r.v0[k] + r.v0[k2] + 1) >> 1;
+  }
+}
+
+template <bool kTwoRows>
+void fill_yuv(const YuvRow &r, const uint16_t *col_tab, int32_t n, uint32_t *out) {
+  for (int32_t d = 0; d < n; ++d, out += 3) {
+    const int32_t x = col_tab[2 * d];
+    const int32_t w = col_tab[2 * d + 1];
+    const int32_t y0 = r.y[x * r.y_step];
+    int32_t u0, v0;
+    chroma_at<kTwoRows>(r, x, &u0, &v0);
+    int32_t y = y0 * 128, u = u0 * 128, v = v0 * 128;
+    if (w != 0) {
+      int32_t u1, v1;
+      chroma_at<kTwoRows>(r, x + 1, &u1, &v1);
+      y += (r.y[(x + 1) * r.y_step] - y0) * w;
+      u += (u1 - u0) * w;
+      v += (v1 - v0) * w;
+    }
+    out[0] = static_cast<uint32_t>(y);
+    out[1] = static_cast<uint32_t>(u);
+    out[2] = static_cast<uint32_t>(v);
+  }
 }
 
 }  // namespace
@@ -85,21 +116,10 @@ void bilinear_fill_bgr(const uint8_t *row, const uint16_t *col_tab, int32_t n, u
 }
 
 void bilinear_fill_yuv(const YuvRow &r, const uint16_t *col_tab, int32_t n, uint32_t *out) {
-  for (int32_t d = 0; d < n; ++d, out += 3) {
-    const int32_t x = col_tab[2 * d];
-    const int32_t w = col_tab[2 * d + 1];
-    const int32_t y0 = r.y[x * r.y_step];
-    const int32_t u0 = chroma_at(r.u0, r.u1, r.c_step, x, r.last_pair);
-    const int32_t v0 = chroma_at(r.v0, r.v1, r.c_step, x, r.last_pair);
-    int32_t y = y0 * 128, u = u0 * 128, v = v0 * 128;
-    if (w != 0) {
-      y += (r.y[(x + 1) * r.y_step] - y0) * w;
-      u += (chroma_at(r.u0, r.u1, r.c_step, x + 1, r.last_pair) - u0) * w;
-      v += (chroma_at(r.v0, r.v1, r.c_step, x + 1, r.last_pair) - v0) * w;
-    }
-    out[0] = static_cast<uint32_t>(y);
-    out[1] = static_cast<uint32_t>(u);
-    out[2] = static_cast<uint32_t>(v);
+  if (r.u1 == r.u0 && r.v1 == r.v0) {
+    fill_yuv<false>(r, col_tab, n, out);
+  } else {
+    fill_yuv<true>(r, col_tab, n, out);
   }
 }
 
