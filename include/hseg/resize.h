@@ -65,7 +65,7 @@ typedef struct LumResizeEntry {
  *   HSEG_ERR_TABLE         the column table would overrun or a footprint
  *                          would leave the source (only for sources wider
  *                          than about 16000 pixels, where single-precision
- *                          positions drift, e.g. 16021 to 16020 columns);
+ *                          positions drift, e.g. 32768 to 1000 columns);
  *   HSEG_OK                success.
  * On every status but the last HSEG_OK the destination is left untouched.
  *

@@ -32,8 +32,8 @@ MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeE
                            int32_t *entries) {
   int32_t n = 0;
   // Every entry goes through here: the capacity check comes first, and a
-  // column past the source is refused even where the footprint's own
-  // checks below would not catch it (float drift on very wide sources).
+  // column past the source (or past the half grid) is refused even where
+  // the footprint's own checks below let it through.
   auto add = [&](int32_t sx, int32_t dx, float v) {
     if (n >= g.capacity || sx < 0 || sx >= g.columns) return false;
     table[n].src_offset = sx * g.step;
@@ -47,7 +47,7 @@ MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeE
     const float fsx2 = fsx1 + g.scale_x;
     const int32_t sx1 = walk_ceil(fsx1);
     const int32_t sx2 = walk_floor(fsx2);
-    if (sx1 >= g.columns) return HSEG_ERR_TABLE;
+    if (sx1 >= g.limit) return HSEG_ERR_TABLE;
     // Left edge: the part of column sx1 - 1 that the footprint covers.
     if (static_cast<float>(sx1) > fsx1 &&
         !add(sx1 - 1, dx, (static_cast<float>(sx1) - fsx1) * g.inv_area)) {
@@ -59,7 +59,7 @@ MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeE
     // Right edge, unless it is a sliver of float noise.
     const float rest = fsx2 - static_cast<float>(sx2);
     if (rest > 0.001f) {
-      if (sx2 >= g.columns || !add(sx2, dx, rest * g.inv_area)) return HSEG_ERR_TABLE;
+      if (sx2 >= g.limit || !add(sx2, dx, rest * g.inv_area)) return HSEG_ERR_TABLE;
     }
   }
   *entries = n;
@@ -116,6 +116,38 @@ MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) 
     return HSEG_ERR_BAD_ARGUMENT;
   }
   return HSEG_OK;
+}
+
+MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
+                        bool half, Dispatch dispatch) {
+  MRESULT s = check_descriptors(src, dst);
+  if (s != HSEG_OK) return s;
+  if (src->width < dst->width || src->height < dst->height) return HSEG_OK;  // only shrinks
+  int32_t bytes = 0;
+  if (!work_block_bytes(src->width, dst->width, &bytes)) return HSEG_ERR_BAD_ARGUMENT;
+  void *block = MMemAlloc(mem, bytes);
+  if (block == nullptr) return HSEG_ERR_NO_MEMORY;
+  const WorkBlock work = split_work_block(block, dst->width);
+
+  // Source channel step; on the half grid a column is a 2x2 block, twice as
+  // wide, and the table addresses its left column.
+  int32_t step = src->format == HSEG_PIXFMT_BGR24 ? 3 : src->format == HSEG_PIXFMT_YUY2 ? 2 : 1;
+  const float sw = static_cast<float>(src->width), dw = static_cast<float>(dst->width);
+  const float sh = static_cast<float>(src->height), dh = static_cast<float>(dst->height);
+  TableGeometry g;
+  if (!half) {
+    g = TableGeometry{sw / dw, 0.0f, src->width, src->width, step, 2 * src->width};
+    g.inv_area = 1.0f / ((sh / dh) * g.scale_x);
+  } else {
+    g = TableGeometry{sw / dw * 0.5f, 0.0f, src->width, (src->width + 1) / 2, 2 * step,
+                      2 * src->width};
+    g.inv_area = 1.0f / ((0.5f * (sh / dh)) * g.scale_x);
+  }
+  int32_t entries = 0;
+  s = build_column_table(g, dst->width, work.table, &entries);
+  if (s == HSEG_OK) s = dispatch(*src, *dst, work, entries);
+  MMemFree(mem, block);
+  return s;
 }
 
 MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, const uint8_t *dst,

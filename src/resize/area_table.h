@@ -17,13 +17,17 @@ inline int64_t luma_row_bytes(int64_t w) { return w; }
 inline int64_t nv21_chroma_row_bytes(int64_t w) { return 2 * ((w + 1) / 2); }  // V,U pairs
 inline int64_t i420_chroma_row_bytes(int64_t w) { return (w + 1) / 2; }
 
-// Horizontal geometry of one call. `columns` is the number of source
-// columns the table may address (the half grid for the half-sampled
-// resize); `step` turns a column into a byte offset; `capacity` is the
-// number of entries the work block holds.
+// Horizontal geometry of one call. A footprint that starts at or past
+// `limit` (the source width), or ends in a partial column there, is refused;
+// independently, no entry may address a column at or past `columns` (the
+// source width, or the half grid's (width + 1) / 2 for the half-sampled
+// resize), so nothing outside a row is ever read. `step` turns a column
+// into a byte offset; `capacity` is the number of entries the work block
+// holds (twice the source width).
 struct TableGeometry {
   float scale_x;   // source columns per destination column
   float inv_area;  // 1 / (scale_x * scale_y): weight of a whole source pixel
+  int32_t limit;
   int32_t columns;
   int32_t step;
   int32_t capacity;
@@ -31,7 +35,7 @@ struct TableGeometry {
 
 // Fills `table` for `dst_width` destination columns and stores the number
 // of entries. Returns HSEG_OK, or HSEG_ERR_TABLE when the table would
-// overrun or a footprint would address a column at or past `columns`.
+// overrun or a footprint leaves the source as described above.
 MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeEntry *table,
                            int32_t *entries);
 
@@ -61,6 +65,22 @@ MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, c
                      int32_t dst_pitch, int32_t src_step, int32_t expected_src_step,
                      int32_t dst_step, const LumResizeEntry *table, int32_t entries,
                      const void *acc0, const void *acc1, int64_t src_end);
+
+// The worker call of an entry point, once the table is built.
+using Dispatch = MRESULT (*)(const OffscreenImage &src, const OffscreenImage &dst,
+                             const WorkBlock &work, int32_t entries);
+
+// Runs an entry point: checks the descriptors, returns HSEG_OK at once when
+// the destination is larger than the source, takes the work block from
+// MMemAlloc(mem, ...), builds the column table (on the half grid when
+// `half`), calls `dispatch` and returns the block.
+MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
+                        bool half, Dispatch dispatch);
+
+// LumResizeToBGR and LumResizeToBGR_SP with every worker on the plain walk:
+// the reference for the fused one.
+MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
+MRESULT resize_to_bgr_sp_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
 
 // A plane is usable when it is non-null and its pitch holds a row.
 inline bool plane_ok(const uint8_t *plane, int32_t pitch, int64_t row_bytes) {

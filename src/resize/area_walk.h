@@ -6,10 +6,11 @@
 // high (10 fraction bits, rounded). A visit that lies wholly inside the
 // current destination row adds its weighted samples to the carry. A visit
 // that reaches the row's end closes it: the part of the visit beyond the end
-// (f units) is carried, unrounded up to 14 fraction bits, into the next
-// destination row. The accumulators hold weights with 14 fraction bits, so
-// closing rounds from 14 fraction bits (f == 0) or from 24 (the carry scaled
-// by 1024 plus the visit scaled by 1024 - f).
+// (f units) goes on into the next destination row as its carry, rounded to
+// the accumulators' 14 fraction bits. Closing rounds an output value from 14
+// fraction bits (f == 0) or from 24 (the carry scaled by 1024 plus the visit
+// scaled by 1024 - f). The last destination rows that the walk leaves
+// unclosed are filled afterwards, and it never writes below the last row.
 #ifndef HSEG_SRC_RESIZE_AREA_WALK_H_
 #define HSEG_SRC_RESIZE_AREA_WALK_H_
 
@@ -75,58 +76,28 @@ inline void fill_unwritten_rows(const Dest &d, int32_t written) {
   }
 }
 
-// Runs the walk. `rows` supplies the visits:
-//   rows.accumulate(acc)  adds the current visit's weighted samples to acc,
-//   rows.next()           moves to the next visit.
-// `store` writes one pixel from its three rounded channel values.
-// Acc is uint64_t, or uint32_t where the sums are known to fit; the closing
-// arithmetic is done in 64 bits either way.
-template <typename Acc, typename Rows, typename Store>
-void area_walk(Rows &rows, const Store &store, const WalkShape &shape, const Dest &d, Acc *row,
-               Acc *carry) {
-  const int32_t n = 3 * d.width;
-  std::memset(row, 0, sizeof(Acc) * size_t(n));
-  std::memset(carry, 0, sizeof(Acc) * size_t(n));
-  int32_t dy = 0;
-  for (int32_t v = 0; v < shape.visits && dy < d.height; ++v, rows.next()) {
-    const int64_t end = (int64_t{v} + 1) * 1024;
-    const int64_t limit = shape.step * (int64_t{dy} + 1);
-    const bool forced = shape.close_last && v == shape.visits - 1;
-    if (limit > end && !forced) {
-      rows.accumulate(carry);  // the whole visit lies inside row dy
-      continue;
-    }
-    const uint64_t f = end > limit ? static_cast<uint64_t>(end - limit) : 0;
-    uint8_t *out = d.data + int64_t{dy} * d.pitch;
-    if (f == 0) {
-      rows.accumulate(carry);
-      for (int32_t i = 0; i < n; i += 3) {
-        store(out + i, round_q14(carry[i]), round_q14(carry[i + 1]), round_q14(carry[i + 2]));
-        carry[i] = carry[i + 1] = carry[i + 2] = 0;
-      }
-    } else {
-      rows.accumulate(row);
-      for (int32_t i = 0; i < n; i += 3) {
-        uint64_t c[3];
-        for (int k = 0; k < 3; ++k) {
-          const uint64_t r = row[i + k];
-          c[k] = round_q24(uint64_t{carry[i + k]} * 1024 + r * (1024 - f));
-          carry[i + k] = static_cast<Acc>(round_q10(r * f));
-          row[i + k] = 0;
-        }
-        store(out + i, c[0], c[1], c[2]);
-      }
-    }
-    ++dy;
+// Adds the weighted samples of one visit: `sample(offset, s)` fetches the
+// three channel values of the entry at `offset` into s[0..2].
+//
+// Plain form: every entry adds to its accumulator triple.
+template <typename Acc, typename Sample>
+void add_entries_plain(const LumResizeEntry *t, int32_t n, Acc *acc, const Sample &sample) {
+  for (int32_t i = 0; i < n; ++i) {
+    uint32_t s[3];
+    sample(t[i].src_offset, s);
+    const uint64_t w = t[i].weight;
+    Acc *a = acc + t[i].dst_offset;
+    a[0] += static_cast<Acc>(s[0] * w);
+    a[1] += static_cast<Acc>(s[1] * w);
+    a[2] += static_cast<Acc>(s[2] * w);
   }
-  fill_unwritten_rows(d, dy);
 }
 
-// Adds the weighted samples of one visit, one run of entries per destination
-// pixel: `sample(offset, s)` fetches the three channel values of the entry
-// at `offset` into s[0..2]. Runs are summed in locals and stored once.
+// Fused form: a run of entries that share a destination pixel is summed in
+// locals and stored once, which keeps the accumulators out of the
+// dependency chain. Same sums (exact, or modulo 2^32 for 32-bit Acc).
 template <typename Acc, typename Sample>
-inline void accumulate_entries(const LumResizeEntry *t, int32_t n, Acc *acc, const Sample &sample) {
+void add_entries_in_runs(const LumResizeEntry *t, int32_t n, Acc *acc, const Sample &sample) {
   for (int32_t i = 0; i < n;) {
     const int32_t d = t[i].dst_offset;
     uint64_t s0 = 0, s1 = 0, s2 = 0;
@@ -142,6 +113,73 @@ inline void accumulate_entries(const LumResizeEntry *t, int32_t n, Acc *acc, con
     acc[d + 1] += static_cast<Acc>(s1);
     acc[d + 2] += static_cast<Acc>(s2);
   }
+}
+
+// Which walk a worker runs. kPlain adds every visit to the row accumulator
+// entry by entry and then moves it into the carry, as the walk reads; kFused
+// sums runs of entries in locals and adds a visit that does not need its own
+// share straight into the carry. Both give the same bytes; kPlain is the
+// reference that the tests hold kFused to.
+enum class Walk { kFused, kPlain };
+
+// Runs the walk over `rows`, which supplies the visits:
+//   rows.sampler()  the sample function of the current visit,
+//   rows.next()     moves to the next visit.
+// `store` writes one pixel from its three rounded channel values.
+// Acc is uint64_t, or uint32_t where the sums are known to fit; the closing
+// arithmetic is done in 64 bits either way.
+template <Walk kWalk, typename Acc, typename Rows, typename Store>
+void area_walk(Rows &rows, const LumResizeEntry *table, int32_t entries, const Store &store,
+               const WalkShape &shape, const Dest &d, Acc *row, Acc *carry) {
+  const int32_t n = 3 * d.width;
+  std::memset(row, 0, sizeof(Acc) * size_t(n));
+  std::memset(carry, 0, sizeof(Acc) * size_t(n));
+  int32_t dy = 0;
+  for (int32_t v = 0; v < shape.visits && dy < d.height; ++v, rows.next()) {
+    const int64_t end = (int64_t{v} + 1) * 1024;
+    const int64_t limit = shape.step * (int64_t{dy} + 1);
+    const bool closes = limit <= end || (shape.close_last && v == shape.visits - 1);
+    const uint64_t f = end > limit ? static_cast<uint64_t>(end - limit) : 0;
+    if constexpr (kWalk == Walk::kPlain) {
+      add_entries_plain(table, entries, row, rows.sampler());
+      if (!closes) {  // the whole visit lies inside row dy
+        for (int32_t i = 0; i < n; ++i) {
+          carry[i] += row[i];
+          row[i] = 0;
+        }
+        continue;
+      }
+    } else {
+      // Only a visit that splits (f > 0) needs its own accumulator; any other
+      // visit would be added to the carry anyway.
+      add_entries_in_runs(table, entries, closes && f > 0 ? row : carry, rows.sampler());
+      if (!closes) continue;
+    }
+    uint8_t *out = d.data + int64_t{dy} * d.pitch;
+    if (f == 0) {
+      for (int32_t i = 0; i < n; i += 3) {
+        uint64_t c[3];
+        for (int k = 0; k < 3; ++k) {
+          c[k] = round_q14(uint64_t{carry[i + k]} + row[i + k]);
+          carry[i + k] = row[i + k] = 0;
+        }
+        store(out + i, c[0], c[1], c[2]);
+      }
+    } else {
+      for (int32_t i = 0; i < n; i += 3) {
+        uint64_t c[3];
+        for (int k = 0; k < 3; ++k) {
+          const uint64_t r = row[i + k];
+          c[k] = round_q24(uint64_t{carry[i + k]} * 1024 + r * (1024 - f));
+          carry[i + k] = static_cast<Acc>(round_q10(r * f));
+          row[i + k] = 0;
+        }
+        store(out + i, c[0], c[1], c[2]);
+      }
+    }
+    ++dy;
+  }
+  fill_unwritten_rows(d, dy);
 }
 
 }  // namespace area
