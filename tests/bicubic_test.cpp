@@ -167,6 +167,9 @@ TEST(CubicEngine, RefusesInnerColumnsThatNeedBoundTests) {
   EXPECT_EQ(run(0, 19), kBad);  // column 0 has x0 = 0
   EXPECT_EQ(run(1, 20), kBad);  // column 19 has x0 + 2 = 50
   EXPECT_EQ(run(1, 21), kBad);  // the range runs past the table
+  k[2 * 512] = 2000;            // fraction 512's taps now sum past 2048
+  EXPECT_EQ(run(1, 19), kBad);
+  k[2 * 512] = 576;
   EXPECT_TRUE(out.untouched());
   EXPECT_EQ(run(1, 19), HSEG_OK);
 }

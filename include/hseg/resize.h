@@ -218,7 +218,8 @@ HSEG_API MRESULT lumResize_Area_YUV420PlanartoBGR_SP(
  * - Arguments are checked before any memory is taken: a NULL pointer that the
  *   call needs, a width or height below 1, a pitch smaller than its row, or a
  *   size whose work memory or table would not fit in 32 bits gives
- *   HSEG_ERR_BAD_ARGUMENT (2) with nothing allocated and nothing written.
+ *   HSEG_ERR_BAD_ARGUMENT (2) with nothing allocated and nothing written,
+ *   unless a function below says otherwise.
  * - Work memory comes from MMemAlloc with the caller's `mem` and is returned
  *   before the call ends (except the bicubic cache, which the caller owns).
  *   When MMemAlloc fails the call returns HSEG_ERR_NO_MEMORY (4) and the
@@ -330,9 +331,9 @@ HSEG_API MRESULT zevImageResize_BL_Piece(const OffscreenImage *src, uint8_t *dst
 
 /* Row worker: bilinear resize of one luma plane to grey. The source width is
  * not passed: every column entry (x0, wx) must lie inside the plane (x0, and
- * x0 + 1 when wx != 0, below the plane's width); the caller guarantees that.
- * Row entries are checked against src_height and weights against 128
- * (HSEG_ERR_BAD_ARGUMENT). Allocates nothing. */
+ * x0 + 1 when wx != 0, below the plane's width), which the caller
+ * guarantees; entries reaching past y_pitch, rows at or past src_height and
+ * weights above 128 give HSEG_ERR_BAD_ARGUMENT. Allocates nothing. */
 HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int32_t y_pitch,
                                                     int32_t src_height, uint8_t *dst,
                                                     int32_t dst_pitch, int32_t dst_width,
@@ -344,7 +345,9 @@ HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int3
  * Bicubic resize of one 8-bit channel: cubic convolution kernel with
  * a = -0.5 in 10-bit fixed point, corner-aligned mapping (destination pixel
  * d starts at source position d * (src / dst)), edge replication past every
- * border (also for the rows above the first and below the last).
+ * border (also for the rows above the first and below the last). The rounded
+ * weights of the four taps sum to 1024..1027, so a flat area may come out one
+ * level higher (from about level 85 up); 255 stays 255.
  */
 
 /* Caller-owned cache. Zero both fields before the first call; the resizer
@@ -370,10 +373,13 @@ HSEG_API MRESULT InitCubicCoeffTab(int32_t *tab);
 
 /* Row engine. col_tab holds dst_width (x0, fraction) int32 pairs, fraction
  * in 0..1024; columns in [first_inner, first_border) are filtered without
- * bound tests, so each of them must have 1 <= x0 and x0 + 2 < src_width
- * (checked: HSEG_ERR_BAD_ARGUMENT otherwise); the other columns clamp every
- * tap to the row. row0..row3 are four buffers of dst_width int32 values
- * (filtered rows may be negative). Allocates nothing. */
+ * bound tests, so each of them must have 1 <= x0 and x0 + 2 < src_width;
+ * the other columns clamp every tap to the row. coef_tab is a table as
+ * InitCubicCoeffTab fills it; the four weights any fraction selects must sum
+ * to at most 2048 in magnitude, which keeps the arithmetic in 32 bits.
+ * Tables that break these rules give HSEG_ERR_BAD_ARGUMENT. row0..row3 are
+ * four buffers of dst_width int32 values (filtered rows may be negative).
+ * Allocates nothing. */
 HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int32_t src_height,
                                       int32_t src_pitch, uint8_t *dst, int32_t dst_width,
                                       int32_t dst_height, int32_t dst_pitch, int32_t first_inner,

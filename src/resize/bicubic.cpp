@@ -17,6 +17,11 @@ namespace {
 constexpr int32_t kKernelPairs = 1025;
 constexpr int32_t kKernelBytes = kKernelPairs * 2 * 4;  // 8200
 constexpr int32_t kMinResizeSide = 5;
+// Largest sum of the four taps' weights in magnitude that the row engine
+// accepts (2.0). It keeps all arithmetic in 32 bits: a filtered row value is
+// at most 255 * 2048 in magnitude and an output sum 255 * 2048^2 + 2^19,
+// below 2^31. The cubic kernel's taps sum to at most about 1.25 in magnitude.
+constexpr int64_t kMaxTapMagnitude = 2048;
 
 // Header of the cache's work block, followed by four row buffers of
 // `capacity` int32 values and a column table of `capacity` (x0, fraction)
@@ -41,24 +46,32 @@ void filter_row(const uint8_t *row, int32_t src_w, int32_t dst_w, int32_t first_
   const int32_t last = src_w - 1;
   auto border = [&](int32_t dx) {
     const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
-    const int64_t v = int64_t{row[clamp_index(x - 1, last)]} * k[2 * u + 1] +
-                      int64_t{row[clamp_index(x, last)]} * k[2 * u] +
-                      int64_t{row[clamp_index(x + 1, last)]} * k[2 * (1024 - u)] +
-                      int64_t{row[clamp_index(x + 2, last)]} * k[2 * (1024 - u) + 1];
-    out[dx] = static_cast<int32_t>(v);
+    out[dx] = row[clamp_index(x - 1, last)] * k[2 * u + 1] + row[clamp_index(x, last)] * k[2 * u] +
+              row[clamp_index(x + 1, last)] * k[2 * (1024 - u)] +
+              row[clamp_index(x + 2, last)] * k[2 * (1024 - u) + 1];
   };
   for (int32_t dx = 0; dx < first_inner; ++dx) border(dx);
   for (int32_t dx = first_inner; dx < first_border; ++dx) {
     const int32_t u = col_tab[2 * dx + 1];
     const uint8_t *p = row + col_tab[2 * dx];
-    const int64_t v = int64_t{p[-1]} * k[2 * u + 1] + int64_t{p[0]} * k[2 * u] +
-                      int64_t{p[1]} * k[2 * (1024 - u)] + int64_t{p[2]} * k[2 * (1024 - u) + 1];
-    out[dx] = static_cast<int32_t>(v);
+    out[dx] = p[-1] * k[2 * u + 1] + p[0] * k[2 * u] + p[1] * k[2 * (1024 - u)] +
+              p[2] * k[2 * (1024 - u) + 1];
   }
   for (int32_t dx = std::max(first_inner, first_border); dx < dst_w; ++dx) border(dx);
 }
 
-uint8_t clamp_u8(int64_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+uint8_t clamp_u8(int32_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+
+// Every fraction's four taps within kMaxTapMagnitude.
+bool kernel_is_bounded(const int32_t *k) {
+  for (int32_t u = 0; u <= 1024; ++u) {
+    int64_t sum = 0;
+    for (int32_t i : {2 * u, 2 * u + 1, 2 * (1024 - u), 2 * (1024 - u) + 1})
+      sum += k[i] < 0 ? -int64_t{k[i]} : int64_t{k[i]};
+    if (sum > kMaxTapMagnitude) return false;
+  }
+  return true;
+}
 
 // Corner-aligned column table; returns the inner range through the pointers.
 void build_column_table(int32_t src_w, int32_t dst_w, int32_t *col_tab, int32_t *first_inner,
@@ -116,7 +129,8 @@ HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int
   if (src_width < 1 || src_height < 1 || dst_width < 1 || dst_height < 1 ||
       src_pitch < src_width || dst_pitch < dst_width)
     return HSEG_ERR_BAD_ARGUMENT;
-  if (first_inner < 0 || first_inner > dst_width || first_border < 0 || first_border > dst_width)
+  if (first_inner < 0 || first_inner > dst_width || first_border < 0 ||
+      first_border > dst_width || !kernel_is_bounded(coef_tab))
     return HSEG_ERR_BAD_ARGUMENT;
   for (int32_t dx = 0; dx < dst_width; ++dx) {
     const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
@@ -159,11 +173,12 @@ HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int
       for (int i2 = i; i2 < 4; ++i2)
         if (need[i2] == need[i]) r[i2] = bufs[j];
     }
-    const int64_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
+    const int32_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
                   w3 = k[2 * (1024 - v) + 1];
+    const int32_t *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3];
     uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
     for (int32_t dx = 0; dx < dst_width; ++dx) {
-      const int64_t sum = r[0][dx] * w0 + r[1][dx] * w1 + r[2][dx] * w2 + r[3][dx] * w3;
+      const int32_t sum = r0[dx] * w0 + r1[dx] * w1 + r2[dx] * w2 + r3[dx] * w3;
       out[dx] = clamp_u8((sum + 524288) >> 20);  // 20 fraction bits, half up
     }
   }
