@@ -1,4 +1,7 @@
 # ---- network pass ----
+hseg_add_bench(network_bench LIBS hseg_pipeline stb ${CMAKE_DL_LIBS} SOURCES network_bench.cpp)
+target_include_directories(network_bench PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+target_compile_definitions(network_bench PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 # ---- end of network pass ----
 
 # ---- segmentation entry ----
