@@ -156,9 +156,10 @@ TEST(NetKernels, ColumnBandsMatchTheColumnFormula) {
   struct Geom {
     int channels, size, kernel, stride, pad, dilation;
   };
-  const Geom geoms[] = {
+  const Geom geoms[] = {  // at most NetSources::kMax channels (split test)
       {2, 7, 3, 1, 1, 1}, {3, 9, 3, 2, 1, 1}, {2, 9, 3, 1, 2, 2}, {1, 13, 3, 1, 4, 4},
       {3, 8, 1, 2, 0, 1}, {2, 5, 3, 2, 1, 1}, {1, 1, 3, 1, 1, 1}, {2, 6, 3, 1, 4, 4},
+      {2, 3, 3, 1, 4, 4}, {2, 10, 3, 1, 4, 4}, {1, 4, 1, 1, 0, 1},
   };
   std::mt19937 rng(7);
   for (const Geom &g : geoms) {
@@ -172,9 +173,24 @@ TEST(NetKernels, ColumnBandsMatchTheColumnFormula) {
         SCOPED_TRACE(testing::Message() << "c" << g.channels << " size " << g.size << " k"
                                         << g.kernel << " s" << g.stride << " p" << g.pad << " d"
                                         << g.dilation << " rows " << row0 << ".." << row1);
-        std::vector<float> col(static_cast<size_t>(g.channels) * g.kernel * g.kernel * width,
-                               kCanary);
-        hseg::net_im2col_rows(in.data(), ng, row0, row1, col.data());
+        const size_t count = static_cast<size_t>(g.channels) * g.kernel * g.kernel * width;
+        // One source, and the same channels split over separate tensors.
+        const size_t plane = static_cast<size_t>(g.size) * g.size;
+        const hseg::NetSources one{1, {in.data()}, {g.channels}};
+        std::vector<std::vector<float>> pieces;
+        hseg::NetSources split{0, {}, {}};
+        for (int c = 0; c < g.channels; ++c) {
+          pieces.emplace_back(in.begin() + c * plane, in.begin() + (c + 1) * plane);
+          split.data[split.count] = pieces.back().data();
+          split.channels[split.count++] = 1;
+        }
+        std::vector<float> col(count, kCanary), col_ref(count, -kCanary), col_split(count, 0.5f);
+        hseg::net_im2col_rows(one, ng, row0, row1, col.data());
+        hseg::net_im2col_rows_ref(one, ng, row0, row1, col_ref.data());
+        hseg::net_im2col_rows(split, ng, row0, row1, col_split.data());
+        size_t diff = 0;
+        ASSERT_TRUE(same_bits(col.data(), col_ref.data(), count, &diff)) << "element " << diff;
+        ASSERT_TRUE(same_bits(col.data(), col_split.data(), count, &diff)) << "element " << diff;
         size_t at = 0;
         for (int c = 0; c < g.channels; ++c)
           for (int kh = 0; kh < g.kernel; ++kh)
@@ -227,7 +243,7 @@ TEST(NetKernels, FinishesMatchTheLayerFunctions) {
       SCOPED_TRACE(testing::Message() << "kind " << kind << " band " << band.col0 << ".."
                                       << band.col1);
       const std::vector<float> x = values(), shortcut = values();
-      std::vector<float> want = x, got = x, sum(kN);
+      std::vector<float> want = x, sum(kN);
       ASSERT_EQ(ly_bn_frozen(want.data(), want.data(), kN, 1, kChannels, scale.data(),
                              shift.data(), mean.data(), var.data(), kEps), 0u);
       if (kind == 2) {
@@ -240,15 +256,44 @@ TEST(NetKernels, FinishesMatchTheLayerFunctions) {
       for (int c = 0; c < kChannels; ++c)  // outside the band: the input
         for (int i = 0; i < kLen; ++i)
           if (i < band.col0 || i >= band.col1) want[c * kLen + i] = x[c * kLen + i];
-      if (kind == 2)
-        hseg::net_bn_add_relu_band(got.data(), shortcut.data(), kLen, kChannels, band.col0,
-                                   band.col1, bn);
-      else
-        hseg::net_bn_band(got.data(), kLen, kChannels, band.col0, band.col1, bn, kind == 1);
-      size_t diff = 0;
-      EXPECT_TRUE(same_bits(want.data(), got.data(), kN, &diff))
-          << "element " << diff << ": " << want[diff] << " vs " << got[diff];
+      for (int path = 0; path < 3; ++path) {  // dispatched, portable, AVX2
+        if (path == 2 && !hseg::net_have_avx2()) continue;
+        SCOPED_TRACE(testing::Message() << "path " << path);
+        std::vector<float> got = x;
+        if (kind == 2) {
+          auto *f = path == 0   ? hseg::net_bn_add_relu_band
+                    : path == 1 ? hseg::net_bn_add_relu_band_generic
+                                : hseg::net_bn_add_relu_band_avx2;
+          f(got.data(), shortcut.data(), kLen, kChannels, band.col0, band.col1, bn);
+        } else {
+          auto *f = path == 0   ? hseg::net_bn_band
+                    : path == 1 ? hseg::net_bn_band_generic
+                                : hseg::net_bn_band_avx2;
+          f(got.data(), kLen, kChannels, band.col0, band.col1, bn, kind == 1);
+        }
+        size_t diff = 0;
+        EXPECT_TRUE(same_bits(want.data(), got.data(), kN, &diff))
+            << "element " << diff << ": " << want[diff] << " vs " << got[diff];
+      }
     }
+  }
+}
+
+TEST(NetKernels, TiledAveragePoolingMatchesTheLayerFunction) {
+  constexpr int kChannels = 11, kSize = 60;  // channels not a multiple of the 8 lanes
+  std::mt19937 rng(5);
+  std::vector<float> in(static_cast<size_t>(kChannels) * kSize * kSize);
+  for (float &v : in) v = std::uniform_real_distribution<float>(-1, 1)(rng) * 1e3f;
+  for (int window : {60, 30, 20, 10, 1}) {
+    SCOPED_TRACE(testing::Message() << "window " << window);
+    const int bins = kSize / window;
+    std::vector<float> want(static_cast<size_t>(kChannels) * bins * bins, kCanary);
+    std::vector<float> got(want.size(), -kCanary);
+    ASSERT_EQ(ly_pooling_avg_float(in.data(), kSize, kSize, kChannels, want.data(), window, window,
+                                   window, window, 0, 0), 0u);
+    hseg::net_avg_pool_tiled(in.data(), kChannels, kSize, window, got.data());
+    size_t diff = 0;
+    EXPECT_TRUE(same_bits(want.data(), got.data(), want.size(), &diff)) << "element " << diff;
   }
 }
 
@@ -525,7 +570,7 @@ TEST_F(NetPass, FastRouteMatchesPlainRouteKeepingEveryTensor) {
   EXPECT_TRUE(probe_->live.empty());
   std::printf("tensors and work buffers held at once: fast route %.1f MB, keep-everything %.1f MB\n",
               probe_->peak_bytes / 1e6, plain.peak_bytes / 1e6);
-  EXPECT_LT(probe_->peak_bytes, 200u << 20);
+  EXPECT_LT(probe_->peak_bytes, 256u << 20);
 }
 
 // A refused allocation at the start, in the middle (conv4_12's output) and

@@ -7,14 +7,17 @@
 // the last block's output, their concatenation, conv5_4 and the classifier.
 //
 // Two routes give the same bits. The plain route calls the exported layer
-// functions one layer at a time. The fast route, the default, runs each
-// convolution in bands of output rows: one GEMM per band, on a band-sized
-// column copy (or straight on the input for a 1x1 stride-1 convolution), then
-// batch norm, ReLU and the residual sum on the band while it is in cache.
-// Every float operation is the one the plain route performs, in the same
-// order: OpenBLAS computes each output element over the whole K in the same
-// order whatever the number of columns it is given, and the finishes repeat
-// ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
+// functions one layer at a time. The fast route, the default, runs a 1x1
+// stride-1 convolution as one GEMM straight on its input, and any other
+// convolution in bands of output rows: one GEMM per band on a band-sized
+// column copy. Batch norm, ReLU and the residual sum follow in one pass over
+// each band (the block's sum lands in the increase convolution's output), and
+// conv5_4's column copy reads conv5_3 and the pyramid branches where they lie
+// instead of a concatenation. Every float operation is the one the plain
+// route performs, in the same order: OpenBLAS computes each output element
+// over the whole K in the same order whatever the number of columns it is
+// given, and the finishes repeat ly_bn_frozen, ly_etlwise_sum and
+// ly_relu_float element by element.
 //
 // Tensors are released after their last use; the scores do not depend on it.
 #include "pipeline/network.h"
@@ -41,11 +44,14 @@ constexpr int kFeatureSize = 60;
 constexpr int kConcatChannels = 4096;
 constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 
-// Band sizes of the fast route: at least kMinBandColumns output columns so
-// the GEMM runs at full speed, and otherwise as many rows as keep the band's
-// column copy (or, without one, its output) within kBandBytes.
-constexpr int64_t kMinBandColumns = 480;
+// Band sizes of the fast route. OpenBLAS runs these products markedly faster
+// on 1800 columns than on a few hundred, so a band has at least
+// kMinBandColumns columns, or more rows when its column copy still fits in
+// kBandBytes (the stem's wide rows); but a column copy never takes more than
+// kMaxBandBytes (conv5_4's 36864-row copy gets 14 rows of 60 columns).
+constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
+constexpr int64_t kMaxBandBytes = int64_t{128} << 20;
 
 // At most this many blocks are held at once (156 tensors with keep_all).
 constexpr int kMaxHeld = 160;
@@ -62,6 +68,33 @@ struct Tensor {
 int pool_out(int in, int kernel, int stride, int pad) {
   return static_cast<int>(std::ceil(static_cast<float>(in + 2 * pad - kernel) /
                                     static_cast<float>(stride))) + 1;
+}
+
+// A 1x1 stride-1 convolution multiplies its input as it lies.
+bool is_direct(const NetLayer &l) { return l.kernel == 1 && l.stride == 1 && l.pad == 0; }
+
+// Output rows per band of a convolution in the fast route. A direct one runs
+// as one GEMM: its finish then streams through whole planes, which is faster
+// than many short runs.
+int64_t band_rows(const NetLayer &l) {
+  const int64_t out = net_out_size(l);
+  if (is_direct(l)) return out;
+  const int64_t row_bytes = int64_t{l.cin} * l.kernel * l.kernel * out * int64_t{sizeof(float)};
+  int64_t rows = std::max((kMinBandColumns + out - 1) / out, kBandBytes / row_bytes);
+  rows = std::max<int64_t>(1, std::min(rows, kMaxBandBytes / row_bytes));
+  return std::min(rows, out);
+}
+
+// Bytes of the largest band's column copy: one buffer of this size serves
+// every convolution of the pass.
+size_t column_bytes() {
+  int64_t most = 0;
+  for (const NetLayer &l : kNetLayers) {
+    if (is_direct(l)) continue;
+    const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
+    most = std::max(most, k * band_rows(l) * net_out_size(l));
+  }
+  return static_cast<size_t>(most) * sizeof(float);
 }
 
 void *default_alloc(void *, size_t bytes, const char *) { return std::malloc(bytes); }
@@ -88,6 +121,7 @@ class Pass {
 
  private:
   MRESULT make(const char *what, int c, int h, int w, Tensor *t);
+  float *columns();
   void drop(Tensor *t);
   void show(const char *name, const Tensor &t) const {
     if (hooks_.tap != nullptr) hooks_.tap(hooks_.user, NetTap{name, t.data, t.c, t.h, t.w});
@@ -97,17 +131,22 @@ class Pass {
   }
 
   MRESULT conv(int layer, const Tensor &in, const char *name, Finish finish,
+               const Tensor *shortcut, Tensor *out) {
+    return conv(layer, &in, 1, name, finish, shortcut, out);
+  }
+  MRESULT conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
                const Tensor *shortcut, Tensor *out);
   MRESULT conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out);
-  MRESULT conv_banded(int layer, const Tensor &in, Finish finish, const Tensor *shortcut,
-                      const Tensor &out);
+  MRESULT conv_banded(int layer, const Tensor *in, int inputs, Finish finish,
+                      const Tensor *shortcut, const Tensor &out);
   MRESULT block(int *layer, Tensor *x);
-  MRESULT pyramid(int *layer, Tensor *x);
+  MRESULT pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int *count);
 
   const float *const *weights_;
   NetHooks hooks_;
   void *held_[kMaxHeld] = {};
   int held_count_ = 0;
+  float *columns_ = nullptr;
 };
 
 // Allocates a c x h x w tensor and holds it until drop() or the end.
@@ -120,6 +159,19 @@ MRESULT Pass::make(const char *what, int c, int h, int w, Tensor *t) {
   held_[held_count_++] = p;
   *t = Tensor{static_cast<float *>(p), c, h, w};
   return HSEG_OK;
+}
+
+// The column buffer, allocated at its first use for the largest band of the
+// pass and reused by every convolution after it; its pages are touched only
+// as far as each band needs. Held like a tensor, released at the end.
+float *Pass::columns() {
+  if (columns_ == nullptr) {
+    Tensor t;
+    const size_t floats = column_bytes() / sizeof(float);
+    if (make("columns", 1, 1, static_cast<int>(floats), &t) != HSEG_OK) return nullptr;
+    columns_ = t.data;
+  }
+  return columns_;
 }
 
 // Releases a tensor after its last use (unless every tensor is kept).
@@ -137,15 +189,17 @@ void Pass::drop(Tensor *t) {
   *t = Tensor{};
 }
 
-// One convolution with what follows it, into a new tensor named `name`.
-MRESULT Pass::conv(int layer, const Tensor &in, const char *name, Finish finish,
+// One convolution with what follows it, into a new tensor named `name`. The
+// input is `inputs` tensors read as their channel concatenation (one in the
+// plain route).
+MRESULT Pass::conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
                    const Tensor *shortcut, Tensor *out) {
   const NetLayer &l = kNetLayers[layer];
   const int size = net_out_size(l);
   MRESULT st = make(name, l.cout, size, size, out);
   if (st != HSEG_OK) return st;
-  return hooks_.plain ? conv_plain(layer, in, finish, *out)
-                      : conv_banded(layer, in, finish, shortcut, *out);
+  return hooks_.plain ? conv_plain(layer, in[0], finish, *out)
+                      : conv_banded(layer, in, inputs, finish, shortcut, *out);
 }
 
 MRESULT Pass::conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out) {
@@ -166,26 +220,23 @@ MRESULT Pass::conv_plain(int layer, const Tensor &in, Finish finish, const Tenso
   return static_cast<MRESULT>(st);
 }
 
-MRESULT Pass::conv_banded(int layer, const Tensor &in, Finish finish, const Tensor *shortcut,
-                          const Tensor &out) {
+MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish,
+                          const Tensor *shortcut, const Tensor &out) {
   const NetLayer &l = kNetLayers[layer];
   if (l.cout > kMaxChannels) return HSEG_ERR_BAD_ARGUMENT;  // not in the table
-  const NetConvGeom g{l.cin, in.h, l.kernel, l.stride, l.pad, l.dilation, out.h};
+  const NetConvGeom g{l.cin, in[0].h, l.kernel, l.stride, l.pad, l.dilation, out.h};
+  NetSources sources{inputs, {}, {}};
+  for (int i = 0; i < inputs; ++i) {
+    sources.data[i] = in[i].data;
+    sources.channels[i] = in[i].c;
+  }
   const int64_t n = int64_t{out.h} * out.w;
   const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
-  const bool direct = l.kernel == 1 && l.stride == 1 && l.pad == 0;
-
-  // Rows per band.
-  const int64_t row_bytes = (direct ? int64_t{l.cout} : k) * out.w * int64_t{sizeof(float)};
-  int64_t rows = std::max((kMinBandColumns + out.w - 1) / out.w, kBandBytes / row_bytes);
-  rows = std::min<int64_t>(std::max<int64_t>(rows, 1), out.h);
-
+  const bool direct = is_direct(l);
+  const int64_t rows = band_rows(l);
   float *col = nullptr;
   if (!direct) {
-    char what[64];
-    std::snprintf(what, sizeof what, "%s columns", l.name);
-    col = static_cast<float *>(
-        hooks_.alloc(hooks_.user, static_cast<size_t>(k * rows * out.w) * sizeof(float), what));
+    col = columns();
     if (col == nullptr) return HSEG_ERR_NO_MEMORY;
   }
   float inv_std[kMaxChannels];
@@ -197,10 +248,10 @@ MRESULT Pass::conv_banded(int layer, const Tensor &in, Finish finish, const Tens
   for (int row0 = 0; row0 < out.h; row0 += static_cast<int>(rows)) {
     const int row1 = static_cast<int>(std::min<int64_t>(out.h, row0 + rows));
     const int64_t col0 = int64_t{row0} * out.w, col1 = int64_t{row1} * out.w;
-    const float *b = in.data + col0;
+    const float *b = in[0].data + col0;
     int64_t ldb = n;
     if (!direct) {
-      net_im2col_rows(in.data, g, row0, row1, col);
+      net_im2col_rows(sources, g, row0, row1, col);
       b = col;
       ldb = col1 - col0;
     }
@@ -220,7 +271,6 @@ MRESULT Pass::conv_banded(int layer, const Tensor &in, Finish finish, const Tens
         break;
     }
   }
-  if (col != nullptr) hooks_.release(hooks_.user, col);
   return HSEG_OK;
 }
 
@@ -270,19 +320,16 @@ MRESULT Pass::block(int *layer, Tensor *x) {
 }
 
 // The four pyramid branches on the conv5_3 output *x, in table order (bins
-// 1, 2, 3, 6), and their concatenation, which replaces *x: conv5_3, then
-// the branches in the reverse order, pool6 first.
-MRESULT Pass::pyramid(int *layer, Tensor *x) {
+// 1, 2, 3, 6). conv5_4 reads conv5_3 and then the branches in the reverse
+// order, pool6 first: in the plain route that concatenation is built and
+// returned as the one part; the fast route returns the five parts, which its
+// column copy reads as one. *x passes into `parts`.
+MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int *count) {
   constexpr int kBranches = 4;
   const int first = *layer;
   *layer = first + kBranches;
-  const int64_t branch_count = int64_t{kNetLayers[first].cout} * kFeatureSize * kFeatureSize;
-  Tensor concat, branch[kBranches];
+  Tensor branch[kBranches];
   MRESULT st = HSEG_OK;
-  if (!hooks_.plain) {
-    st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
-    if (st != HSEG_OK) return st;
-  }
   for (int b = 0; b < kBranches && st == HSEG_OK; ++b) {
     const NetLayer &l = kNetLayers[first + b];
     const int bins = l.in_size, window = kFeatureSize / bins;
@@ -291,44 +338,39 @@ MRESULT Pass::pyramid(int *layer, Tensor *x) {
     Tensor pooled, reduced;
     st = make(name, x->c, pool_out(x->h, window, window, 0), pool_out(x->w, window, window, 0),
               &pooled);
-    if (st == HSEG_OK)
+    if (st == HSEG_OK && hooks_.plain)
       st = static_cast<MRESULT>(ly_pooling_avg_float(x->data, x->w, x->h, x->c, pooled.data,
                                                      window, window, window, window, 0, 0));
+    else if (st == HSEG_OK)
+      net_avg_pool_tiled(x->data, x->c, x->h, window, pooled.data);
     if (st == HSEG_OK) st = conv(first + b, pooled, l.name, Finish::kBnRelu, nullptr, &reduced);
     drop(&pooled);
     std::snprintf(name, sizeof name, "conv5_3_pool%d_interp", bins);
-    if (st == HSEG_OK) {
-      if (hooks_.plain) {
-        st = make(name, reduced.c, kFeatureSize, kFeatureSize, &branch[b]);
-      } else {
-        // Straight into its place in the concatenation.
-        branch[b] = Tensor{concat.data + (kConcatChannels - (b + 1) * reduced.c) *
-                                             int64_t{kFeatureSize} * kFeatureSize,
-                           reduced.c, kFeatureSize, kFeatureSize};
-      }
-    }
+    if (st == HSEG_OK) st = make(name, reduced.c, kFeatureSize, kFeatureSize, &branch[b]);
     if (st == HSEG_OK)
       st = static_cast<MRESULT>(ly_interp(reduced.data, branch[b].data, 1, reduced.c, reduced.h,
                                           reduced.w, 0, 0, kFeatureSize, kFeatureSize));
     drop(&reduced);
     if (st == HSEG_OK) show(name, branch[b]);
   }
-  if (st == HSEG_OK && hooks_.plain) {
-    st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
-    if (st == HSEG_OK)
-      st = static_cast<MRESULT>(ly_concat_5(
-          x->data, static_cast<int>(x->count()), branch[3].data, static_cast<int>(branch_count),
-          branch[2].data, static_cast<int>(branch_count), branch[1].data,
-          static_cast<int>(branch_count), branch[0].data, static_cast<int>(branch_count),
-          concat.data));
-    if (st == HSEG_OK) show("conv5_3_concat", concat);
-  } else if (st == HSEG_OK) {
-    std::memcpy(concat.data, x->data, static_cast<size_t>(x->count()) * sizeof(float));
-  }
-  if (hooks_.plain)
-    for (Tensor &t : branch) drop(&t);
-  drop(x);
-  *x = concat;
+  parts[0] = *x;
+  for (int b = 0; b < kBranches; ++b) parts[1 + b] = branch[kBranches - 1 - b];
+  *count = 1 + kBranches;
+  *x = Tensor{};
+  if (st != HSEG_OK || !hooks_.plain) return st;
+
+  Tensor concat;
+  st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
+  if (st == HSEG_OK)
+    st = static_cast<MRESULT>(ly_concat_5(
+        parts[0].data, static_cast<int>(parts[0].count()), parts[1].data,
+        static_cast<int>(parts[1].count()), parts[2].data, static_cast<int>(parts[2].count()),
+        parts[3].data, static_cast<int>(parts[3].count()), parts[4].data,
+        static_cast<int>(parts[4].count()), concat.data));
+  for (int i = 0; i < *count; ++i) drop(&parts[i]);
+  parts[0] = concat;
+  *count = 1;
+  if (st == HSEG_OK) show("conv5_3_concat", concat);
   return st;
 }
 
@@ -365,12 +407,13 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
     if (st != HSEG_OK) return st;
   }
 
-  st = pyramid(&layer, &x);
-  if (st != HSEG_OK) return st;
-
+  Tensor parts[NetSources::kMax];
+  int count = 0;
+  st = pyramid(&layer, &x, parts, &count);
   Tensor head;
-  st = conv(layer, x, kNetLayers[layer].name, Finish::kBnRelu, nullptr, &head);
-  drop(&x);
+  if (st == HSEG_OK)
+    st = conv(layer, parts, count, kNetLayers[layer].name, Finish::kBnRelu, nullptr, &head);
+  for (Tensor &t : parts) drop(&t);
   if (st != HSEG_OK) return st;
   show(kNetLayers[layer].name, head);
   ++layer;
