@@ -149,9 +149,11 @@ HSEG_API Image *clear_img(Image *img);
  * docs/weights.md); the library is linked against it, so another build of
  * that library with the same symbols can be swapped in without relinking.
  * The pass takes its tensors from the C heap (not MMemAlloc) and releases
- * each after its last use, so one call peaks at a few hundred MB beside the
- * 263 MB of weights. No state is kept between calls; calls on different
- * buffers may run at once. Any parallelism is inside the BLAS library.
+ * each after its last use: one call holds at most about 215 MB of tensors and
+ * work buffers (a process running it peaks near 480 MB resident, the 263 MB
+ * of weights included), where keeping every tensor would take 1.5 GB. No
+ * state is kept between calls; calls on different buffers may run at once.
+ * Any parallelism is inside the BLAS library.
  *
  * Returns HSEG_OK, HSEG_ERR_BAD_ARGUMENT when bgr or scores is NULL or pitch
  * is below 1419, HSEG_ERR_NO_MEMORY when a tensor cannot be allocated, or the

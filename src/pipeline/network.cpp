@@ -53,7 +53,8 @@ constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
 constexpr int64_t kMaxBandBytes = int64_t{128} << 20;
 
-// At most this many blocks are held at once (156 tensors with keep_all).
+// At most this many blocks are held at once (the 156 tensors with keep_all;
+// a handful otherwise).
 constexpr int kMaxHeld = 160;
 
 enum class Finish { kBnRelu, kBn, kBnAddRelu, kBias };
@@ -152,11 +153,14 @@ class Pass {
 // Allocates a c x h x w tensor and holds it until drop() or the end.
 MRESULT Pass::make(const char *what, int c, int h, int w, Tensor *t) {
   *t = Tensor{};
-  if (held_count_ == kMaxHeld) return HSEG_ERR_NO_MEMORY;
+  int slot = 0;  // the first free slot: released tensors leave theirs
+  while (slot < held_count_ && held_[slot] != nullptr) ++slot;
+  if (slot == kMaxHeld) return HSEG_ERR_NO_MEMORY;
   const size_t bytes = static_cast<size_t>(c) * h * w * sizeof(float);
   void *p = hooks_.alloc(hooks_.user, bytes, what);
   if (p == nullptr) return HSEG_ERR_NO_MEMORY;
-  held_[held_count_++] = p;
+  held_[slot] = p;
+  held_count_ = std::max(held_count_, slot + 1);
   *t = Tensor{static_cast<float *>(p), c, h, w};
   return HSEG_OK;
 }
