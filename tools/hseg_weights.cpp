@@ -12,6 +12,7 @@
 // Every tensor name, symbol and shape comes from the layer table in
 // src/pipeline/net_layers.cpp.
 #include <dlfcn.h>
+#include <link.h>
 
 #include <cerrno>
 #include <cmath>
@@ -209,12 +210,26 @@ int cmd_export(std::string lib, const std::string &out) {
     return 1;
   }
   std::vector<const float *> data(kNetTensorCount);
-  int missing = 0;
+  int missing = 0;  // symbols absent or of the wrong size
   for (int i = 0; i < kNetTensorCount; ++i) {
     const std::string sym = symbol_of(i);
     data[i] = static_cast<const float *>(dlsym(handle, sym.c_str()));
     if (data[i] == nullptr) {
       std::fprintf(stderr, "%s: %s: missing symbol %s\n", kProgram, lib.c_str(), sym.c_str());
+      ++missing;
+      continue;
+    }
+    // The symbol's recorded size, where the library has one, must match.
+    Dl_info info;
+    void *extra = nullptr;
+    const uint64_t want = static_cast<uint64_t>(hseg::net_tensor(i).count) * 4;
+    const bool found = dladdr1(data[i], &info, &extra, RTLD_DL_SYMENT) != 0;
+    const auto *entry = static_cast<const ElfW(Sym) *>(extra);
+    if (found &&
+        entry != nullptr && entry->st_size != 0 && entry->st_size != want) {
+      std::fprintf(stderr, "%s: %s: symbol %s holds %llu bytes, expected %llu\n", kProgram,
+                   lib.c_str(), sym.c_str(), static_cast<unsigned long long>(entry->st_size),
+                   static_cast<unsigned long long>(want));
       ++missing;
     }
   }

@@ -157,19 +157,24 @@ std::string shape_text(const std::vector<int64_t> &shape) {
 }
 
 bool read_layout(const std::string &path, FileLayout *layout, std::vector<std::string> *errors) {
-  const size_t errors_before = errors->size();
   *layout = FileLayout{};
   File f(std::fopen(path.c_str(), "rb"));
   if (!f) {
     errors->push_back("cannot open the file: " + std::string(std::strerror(errno)));
     return false;
   }
-  if (!file_size_of(f.get(), &layout->file_size)) {
+  return read_layout_stream(f.get(), layout, errors);
+}
+
+bool read_layout_stream(FILE *file, FileLayout *layout, std::vector<std::string> *errors) {
+  const size_t errors_before = errors->size();
+  *layout = FileLayout{};
+  if (!file_size_of(file, &layout->file_size)) {
     errors->push_back("cannot determine the file's size");
     return false;
   }
   unsigned char len[8];
-  if (layout->file_size < 8 || !read_exact(f.get(), len, 8)) {
+  if (layout->file_size < 8 || !read_exact(file, len, 8)) {
     errors->push_back("file is truncated: shorter than the 8-byte header length");
     return false;
   }
@@ -189,7 +194,7 @@ bool read_layout(const std::string &path, FileLayout *layout, std::vector<std::s
   }
   layout->data_start = 8 + n;
   std::string text(n, '\0');
-  if (n > 0 && !read_exact(f.get(), &text[0], n)) {
+  if (n > 0 && !read_exact(file, &text[0], n)) {
     errors->push_back("cannot read the header");
     return false;
   }

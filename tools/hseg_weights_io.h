@@ -49,6 +49,8 @@ inline constexpr uint64_t kMaxHeaderBytes = 100u << 20;
 // the data part exactly. Problems are appended to `errors` (one sentence
 // each); returns false when there was any.
 bool read_layout(const std::string &path, FileLayout *layout, std::vector<std::string> *errors);
+// The same on an open, seekable stream (read from its start; left open).
+bool read_layout_stream(FILE *file, FileLayout *layout, std::vector<std::string> *errors);
 
 // Checks a file against the tensors it must hold: read_layout, then missing
 // and unexpected tensors, dtype (F32 only) and shape, then every value of
