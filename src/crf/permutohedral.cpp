@@ -385,38 +385,33 @@ Geometry geometry_of(const PermutohedralLattice *lat) {
   return g;
 }
 
-template <int kD1, int kVD>
-void splat(const Geometry &g, float *buf, const float *in, uint32_t vd_run, uint32_t first,
-           uint32_t count) {
+// Calls visit(row, weight) for the d + 1 vertices of point k in vertex
+// order: the value-buffer row of the vertex's lattice point and its
+// barycentric weight. Splat and slice, plain and SSE2, walk points this way.
+template <int kD1, class Visit>
+inline void for_each_vertex(const Geometry &g, size_t k, Visit visit) {
   const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
-  const uint32_t vd = kVD > 0 ? kVD : vd_run;
-  for (uint32_t t = 0; t < count; ++t) {
-    const size_t k = static_cast<size_t>(first) + t;
-    const uint32_t *off = g.lat->offsets + k * d1;
-    const float *w = g.lat->weights + k * d1;
-    const float *v = in + static_cast<size_t>(t) * vd;
-    for (uint32_t r = 0; r < d1; ++r) {
-      float *dst = buf + (static_cast<size_t>(off[r]) + 1) * vd;
-      const float wr = w[r];
-      for (uint32_t c = 0; c < vd; ++c) dst[c] += wr * v[c];
-    }
-  }
+  const uint32_t *off = g.lat->offsets + k * d1;
+  const float *w = g.lat->weights + k * d1;
+  for (uint32_t r = 0; r < d1; ++r) visit(static_cast<size_t>(off[r]) + 1, w[r]);
 }
 
-// Returns the buffer that holds the result after the d + 1 passes.
-template <int kD1, int kVD>
-float *blur(const Geometry &g, float *cur, float *other, uint32_t vd_run) {
+// The d + 1 blur passes, one per lattice direction, alternating between the
+// two buffers. step(minus, plus, self, dst) forms one lattice point's row
+// from the rows of its two neighbours and its own. Returns the buffer that
+// holds the result.
+template <int kD1, class Step>
+inline float *blur_passes(const Geometry &g, float *cur, float *other, size_t row_floats,
+                          Step step) {
   const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
-  const uint32_t vd = kVD > 0 ? kVD : vd_run;
   const uint32_t M = g.M;
   for (uint32_t j = 0; j < d1; ++j) {
     const uint32_t *pair = g.lat->neighbours + 2 * static_cast<size_t>(j) * M;
     for (uint32_t i = 0; i < M; ++i) {
-      const float *a = cur + static_cast<size_t>(pair[2 * i] + 1) * vd;
-      const float *b = cur + static_cast<size_t>(pair[2 * i + 1] + 1) * vd;
-      const float *o = cur + (static_cast<size_t>(i) + 1) * vd;
-      float *n = other + (static_cast<size_t>(i) + 1) * vd;
-      for (uint32_t c = 0; c < vd; ++c) n[c] = o[c] + 0.5f * (a[c] + b[c]);
+      step(cur + static_cast<size_t>(pair[2 * i] + 1) * row_floats,
+           cur + static_cast<size_t>(pair[2 * i + 1] + 1) * row_floats,
+           cur + (static_cast<size_t>(i) + 1) * row_floats,
+           other + (static_cast<size_t>(i) + 1) * row_floats);
     }
     float *t = cur;
     cur = other;
@@ -426,54 +421,68 @@ float *blur(const Geometry &g, float *cur, float *other, uint32_t vd_run) {
 }
 
 template <int kD1, int kVD>
-void slice(const Geometry &g, float *out, const float *buf, uint32_t vd_run, uint32_t first,
+void splat(const Geometry &g, float *buf, const float *in, uint32_t vd_run, uint32_t first,
            uint32_t count) {
-  const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
   const uint32_t vd = kVD > 0 ? kVD : vd_run;
   for (uint32_t t = 0; t < count; ++t) {
-    const size_t k = static_cast<size_t>(first) + t;
-    const uint32_t *off = g.lat->offsets + k * d1;
-    const float *w = g.lat->weights + k * d1;
-    float *dst = out + static_cast<size_t>(t) * vd;
-    for (uint32_t c = 0; c < vd; ++c) dst[c] = 0.0f;
-    for (uint32_t r = 0; r < d1; ++r) {
-      const float wa = w[r] * g.alpha;
-      const float *src = buf + (static_cast<size_t>(off[r]) + 1) * vd;
-      for (uint32_t c = 0; c < vd; ++c) dst[c] += wa * src[c];
-    }
+    const float *v = in + static_cast<size_t>(t) * vd;
+    for_each_vertex<kD1>(g, static_cast<size_t>(first) + t, [&](size_t row, float wr) {
+      float *dst = buf + row * vd;
+      for (uint32_t c = 0; c < vd; ++c) dst[c] += wr * v[c];
+    });
   }
 }
 
-// Slice fused with the lattice filter's accumulation: the sliced value is
-// formed exactly as slice() forms it, then added as (weight * norm) * value.
+template <int kD1, int kVD>
+float *blur(const Geometry &g, float *cur, float *other, uint32_t vd_run) {
+  const uint32_t vd = kVD > 0 ? kVD : vd_run;
+  return blur_passes<kD1>(g, cur, other, vd,
+                          [vd](const float *a, const float *b, const float *o, float *n) {
+                            for (uint32_t c = 0; c < vd; ++c) n[c] = o[c] + 0.5f * (a[c] + b[c]);
+                          });
+}
+
+// Components c0 .. c0 + n - 1 of point k's sliced value into dst[0 .. n - 1]:
+// alpha times each vertex weight, times the vertex's blurred row, summed in
+// vertex order starting from zero.
+template <int kD1>
+inline void slice_point(const Geometry &g, const float *buf, size_t k, uint32_t vd, uint32_t c0,
+                        uint32_t n, float *dst) {
+  for (uint32_t c = 0; c < n; ++c) dst[c] = 0.0f;
+  for_each_vertex<kD1>(g, k, [&](size_t row, float w) {
+    const float wa = w * g.alpha;
+    const float *src = buf + row * vd + c0;
+    for (uint32_t c = 0; c < n; ++c) dst[c] += wa * src[c];
+  });
+}
+
+template <int kD1, int kVD>
+void slice(const Geometry &g, float *out, const float *buf, uint32_t vd_run, uint32_t first,
+           uint32_t count) {
+  const uint32_t vd = kVD > 0 ? kVD : vd_run;
+  for (uint32_t t = 0; t < count; ++t) {
+    slice_point<kD1>(g, buf, static_cast<size_t>(first) + t, vd, 0, vd,
+                     out + static_cast<size_t>(t) * vd);
+  }
+}
+
+// Slice fused with the lattice filter's accumulation: each sliced value is
+// formed exactly as slice() forms it, a few components at a time into a small
+// stack array, then added as (weight * norm) * value.
 template <int kD1, int kVD>
 void slice_accumulate(const Geometry &g, float *out, const float *buf, uint32_t vd_run,
                       float weight, const float *norm) {
-  const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
+  constexpr uint32_t kChunk = kVD > 0 ? kVD : 8;
   const uint32_t vd = kVD > 0 ? kVD : vd_run;
   const uint32_t N = static_cast<uint32_t>(g.lat->point_count);
-  float acc[kVD > 0 ? kVD : 1];
+  float acc[kChunk];
   for (uint32_t k = 0; k < N; ++k) {
-    const uint32_t *off = g.lat->offsets + static_cast<size_t>(k) * d1;
-    const float *w = g.lat->weights + static_cast<size_t>(k) * d1;
     float *dst = out + static_cast<size_t>(k) * vd;
     const float scale = weight * norm[k];
-    if (kVD > 0) {
-      for (uint32_t c = 0; c < vd; ++c) acc[c] = 0.0f;
-      for (uint32_t r = 0; r < d1; ++r) {
-        const float wa = w[r] * g.alpha;
-        const float *src = buf + (static_cast<size_t>(off[r]) + 1) * vd;
-        for (uint32_t c = 0; c < vd; ++c) acc[c] += wa * src[c];
-      }
-      for (uint32_t c = 0; c < vd; ++c) dst[c] += scale * acc[c];
-    } else {
-      for (uint32_t c = 0; c < vd; ++c) {
-        float v = 0.0f;
-        for (uint32_t r = 0; r < d1; ++r) {
-          v += (w[r] * g.alpha) * buf[(static_cast<size_t>(off[r]) + 1) * vd + c];
-        }
-        dst[c] += scale * v;
-      }
+    for (uint32_t c0 = 0; c0 < vd; c0 += kChunk) {
+      const uint32_t n = vd - c0 < kChunk ? vd - c0 : kChunk;
+      slice_point<kD1>(g, buf, k, vd, c0, n, acc);
+      for (uint32_t c = 0; c < n; ++c) dst[c0 + c] += scale * acc[c];
     }
   }
 }
@@ -493,50 +502,31 @@ inline void store2(float *p, __m128 v) {
 template <int kD1>
 void splat_sse2(const Geometry &g, float *buf, const float *in, uint32_t, uint32_t first,
                 uint32_t count) {
-  const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
   for (uint32_t t = 0; t < count; ++t) {
-    const size_t k = static_cast<size_t>(first) + t;
-    const uint32_t *off = g.lat->offsets + k * d1;
-    const float *w = g.lat->weights + k * d1;
     const __m128 v = load2(in + 2 * static_cast<size_t>(t));
-    for (uint32_t r = 0; r < d1; ++r) {
-      float *dst = buf + (static_cast<size_t>(off[r]) + 1) * 2;
-      store2(dst, _mm_add_ps(load2(dst), _mm_mul_ps(_mm_set1_ps(w[r]), v)));
-    }
+    for_each_vertex<kD1>(g, static_cast<size_t>(first) + t, [&](size_t row, float wr) {
+      float *dst = buf + row * 2;
+      store2(dst, _mm_add_ps(load2(dst), _mm_mul_ps(_mm_set1_ps(wr), v)));
+    });
   }
 }
 
 template <int kD1>
 float *blur_sse2(const Geometry &g, float *cur, float *other, uint32_t) {
-  const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
-  const uint32_t M = g.M;
   const __m128 half = _mm_set1_ps(0.5f);
-  for (uint32_t j = 0; j < d1; ++j) {
-    const uint32_t *pair = g.lat->neighbours + 2 * static_cast<size_t>(j) * M;
-    for (uint32_t i = 0; i < M; ++i) {
-      const __m128 a = load2(cur + static_cast<size_t>(pair[2 * i] + 1) * 2);
-      const __m128 b = load2(cur + static_cast<size_t>(pair[2 * i + 1] + 1) * 2);
-      const __m128 o = load2(cur + (static_cast<size_t>(i) + 1) * 2);
-      store2(other + (static_cast<size_t>(i) + 1) * 2,
-             _mm_add_ps(o, _mm_mul_ps(half, _mm_add_ps(a, b))));
-    }
-    float *t = cur;
-    cur = other;
-    other = t;
-  }
-  return cur;
+  return blur_passes<kD1>(g, cur, other, 2,
+                          [half](const float *a, const float *b, const float *o, float *n) {
+                            store2(n, _mm_add_ps(load2(o),
+                                                 _mm_mul_ps(half, _mm_add_ps(load2(a), load2(b)))));
+                          });
 }
 
 template <int kD1>
 inline __m128 slice_point_sse2(const Geometry &g, const float *buf, size_t k) {
-  const uint32_t d1 = kD1 > 0 ? kD1 : g.d1;
-  const uint32_t *off = g.lat->offsets + k * d1;
-  const float *w = g.lat->weights + k * d1;
   __m128 acc = _mm_setzero_ps();
-  for (uint32_t r = 0; r < d1; ++r) {
-    const __m128 wa = _mm_set1_ps(w[r] * g.alpha);
-    acc = _mm_add_ps(acc, _mm_mul_ps(wa, load2(buf + (static_cast<size_t>(off[r]) + 1) * 2)));
-  }
+  for_each_vertex<kD1>(g, k, [&](size_t row, float w) {
+    acc = _mm_add_ps(acc, _mm_mul_ps(_mm_set1_ps(w * g.alpha), load2(buf + row * 2)));
+  });
   return acc;
 }
 
@@ -642,9 +632,19 @@ MRESULT alloc_buffers(MHandle handle, int32_t bytes, float **a, float **b) {
   return HSEG_OK;
 }
 
-MRESULT compute(const Kernels &kern, const PermutohedralLattice *lat, float *out,
-                const float *in, uint32_t vd, uint32_t in_offset, uint32_t out_offset,
-                int32_t in_size, int32_t out_size) {
+// The lattice filter's accumulation: out[k] += (weight * norm[k]) * value.
+struct Accumulation {
+  float weight;
+  const float *norm;
+};
+
+// Checks the arguments, splats `in` into a zeroed value buffer, blurs it and
+// slices into `out`: written when acc is null, else accumulated as acc says.
+// `plain` picks the generic kernels over the ones specialised for the
+// lattice's dimension and vd. The buffers are freed on every path.
+MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const float *in,
+               uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
+               int32_t out_size, const Accumulation *acc) {
   int32_t bytes = 0;
   MRESULT st = check_compute(lat, out, in, vd, in_offset, out_offset, &in_size, &out_size, &bytes);
   if (st != HSEG_OK) return st;
@@ -653,9 +653,14 @@ MRESULT compute(const Kernels &kern, const PermutohedralLattice *lat, float *out
   st = alloc_buffers(lat->handle, bytes, &a, &b);
   if (st != HSEG_OK) return st;
   const Geometry g = geometry_of(lat);
+  const Kernels kern = plain ? kernels_for<0, 0>() : select_kernels(g.d1, vd);
   kern.splat(g, a, in, vd, in_offset, static_cast<uint32_t>(in_size));
   const float *res = kern.blur(g, a, b, vd);
-  kern.slice(g, out, res, vd, out_offset, static_cast<uint32_t>(out_size));
+  if (acc == nullptr) {
+    kern.slice(g, out, res, vd, out_offset, static_cast<uint32_t>(out_size));
+  } else {
+    kern.slice_accumulate(g, out, res, vd, acc->weight, acc->norm);
+  }
   MMemFree(lat->handle, a);
   MMemFree(lat->handle, b);
   return HSEG_OK;
@@ -671,29 +676,13 @@ MRESULT lattice_init_reference(MHandle handle, PermutohedralLattice *lattice,
 MRESULT lattice_compute_reference(const PermutohedralLattice *lattice, float *out,
                                   const float *in, uint32_t vd, uint32_t in_offset,
                                   uint32_t out_offset, int32_t in_size, int32_t out_size) {
-  return compute(kernels_for<0, 0>(), lattice, out, in, vd, in_offset, out_offset, in_size,
-                 out_size);
+  return filter(true, lattice, out, in, vd, in_offset, out_offset, in_size, out_size, nullptr);
 }
 
 MRESULT lattice_filter_accumulate(const PermutohedralLattice *lat, float *out, const float *in,
                                   uint32_t vd, float weight, const float *norm) {
-  int32_t in_size = -1;
-  int32_t out_size = -1;
-  int32_t bytes = 0;
-  MRESULT st = check_compute(lat, out, in, vd, 0, 0, &in_size, &out_size, &bytes);
-  if (st != HSEG_OK) return st;
-  float *a = nullptr;
-  float *b = nullptr;
-  st = alloc_buffers(lat->handle, bytes, &a, &b);
-  if (st != HSEG_OK) return st;
-  const Geometry g = geometry_of(lat);
-  const Kernels kern = select_kernels(g.d1, vd);
-  kern.splat(g, a, in, vd, 0, static_cast<uint32_t>(in_size));
-  const float *res = kern.blur(g, a, b, vd);
-  kern.slice_accumulate(g, out, res, vd, weight, norm);
-  MMemFree(lat->handle, a);
-  MMemFree(lat->handle, b);
-  return HSEG_OK;
+  const Accumulation acc{weight, norm};
+  return filter(false, lat, out, in, vd, 0, 0, -1, -1, &acc);
 }
 
 }  // namespace crf
@@ -712,9 +701,8 @@ MRESULT permhd_init(MHandle handle, PermutohedralLattice *lattice, const float *
 MRESULT permhd_compute(const PermutohedralLattice *lattice, float *out, const float *in,
                        uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
                        int32_t out_size) {
-  const uint32_t d1 = lattice != nullptr ? static_cast<uint32_t>(lattice->dim) + 1 : 0;
-  return hseg::crf::compute(hseg::crf::select_kernels(d1, vd), lattice, out, in, vd, in_offset,
-                            out_offset, in_size, out_size);
+  return hseg::crf::filter(false, lattice, out, in, vd, in_offset, out_offset, in_size,
+                           out_size, nullptr);
 }
 
 MRESULT permhd_release(PermutohedralLattice *lattice) {
