@@ -2,6 +2,7 @@
 // and the hseg-weights program on the build's weights and data library.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,7 +24,10 @@ const std::vector<TensorSpec> kSpecs = {
     {"a.weight", {2, 3}}, {"a.bias", {2}}, {"b.weight", {1, 1, 2, 2}}};
 constexpr size_t kDataBytes = (6 + 2 + 4) * 4;
 
-std::string temp_path(const std::string &name) { return testing::TempDir() + "hseg_weights_" + name; }
+// Per process, so that two builds can run this test at once.
+std::string temp_path(const std::string &name) {
+  return testing::TempDir() + "hseg_weights_" + std::to_string(getpid()) + "_" + name;
+}
 
 std::vector<uint8_t> read_bytes(const std::string &path) {
   std::ifstream f(path, std::ios::binary);
