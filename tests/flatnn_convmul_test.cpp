@@ -1,12 +1,10 @@
 // convmul: the row-major product, overwritten; a failure leaves the result alone.
 #include <gtest/gtest.h>
 
-#include <cfloat>
-#include <cmath>
 #include <vector>
 
-#include "flatnn_test_util.h"
 #include "hseg/flatnn.h"
+#include "support/flatnn_util.h"
 
 // A request beyond the address space must come back as a null pointer (and
 // so as Eigen's std::bad_alloc) under AddressSanitizer too.
@@ -20,32 +18,26 @@ using namespace flatnn_test;
 
 TEST(FlatnnConvmul, RowMajorProductOverwritesResult) {
   Rng r(2);
-  for (const auto &s : {std::vector<int>{1, 1, 1}, {3, 5, 7}, {7, 3, 5}, {64, 33, 129}, {2, 300, 1}, {5, 4, 0}}) {
+  const int shapes[][3] = {{1, 1, 1}, {3, 5, 7}, {7, 3, 5}, {64, 33, 129}, {2, 300, 1}, {5, 4, 0}};
+  for (const auto &s : shapes) {
     const int M = s[0], N = s[1], K = s[2];
     const auto lhs = r.floats(size_t(M) * K), rhs = r.floats(size_t(K) * N);
-    std::vector<float> result(size_t(M) * N, kCanary);
+    Vec result(size_t(M) * N, kCanary);
     convmul(rhs.data(), lhs.data(), result.data(), M, N, K);
-    for (int i = 0; i < M * N; ++i) {
-      double sum = 0, mag = 0;
-      for (int k = 0; k < K; ++k) {
-        const double p = double(lhs[i / N * K + k]) * rhs[k * N + i % N];
-        sum += p, mag += std::fabs(p);
-      }
-      ASSERT_NEAR(result[i], sum, (K + 2) * FLT_EPSILON * mag) << M << "x" << N << "x" << K;
-    }
+    expect_product_near(result.data(), lhs.data(), rhs.data(), nullptr, M, N, K);
   }
 }
 
 TEST(FlatnnConvmul, FailureLeavesResultUnwritten) {
-  std::vector<float> a(6, 1.0f), result(6, kCanary);
+  Vec a(6, 1.0f), result(6, kCanary);
   convmul(a.data(), a.data(), result.data(), -1, 2, 3);
   convmul(a.data(), nullptr, result.data(), 2, 3, 2);
   // M x N = 2^46 floats, beyond the address space: the temporary cannot be
   // had and the product gives up before touching result.
   const int big = 1 << 23;
-  std::vector<float> lhs(big, 1.0f), rhs(big, 1.0f);
+  Vec lhs(big, 1.0f), rhs(big, 1.0f);
   convmul(rhs.data(), lhs.data(), result.data(), big, big, 1);
-  EXPECT_EQ(result, std::vector<float>(6, kCanary));
+  EXPECT_EQ(result, Vec(6, kCanary));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -266,19 +267,22 @@ std::string numbered(const std::string &name, int64_t frame) {
 // Pictures in, pictures out
 // ---------------------------------------------------------------------------
 
+// A one-plane image of `size` at `data`, rows packed, `bytes_per_pixel` each.
+OffscreenImage packed_image(uint32_t format, Size size, uint8_t *data, int32_t bytes_per_pixel) {
+  OffscreenImage d{};
+  d.format = format;
+  d.width = size.w;
+  d.height = size.h;
+  d.planes[0] = data;
+  d.pitches[0] = bytes_per_pixel * size.w;
+  return d;
+}
+
 // A packed BGR picture, 3 bytes a pixel, rows packed.
 struct Picture {
   Size size;
   std::vector<uint8_t> bgr;
-  OffscreenImage describe() {
-    OffscreenImage d{};
-    d.format = HSEG_PIXFMT_BGR24;
-    d.width = size.w;
-    d.height = size.h;
-    d.planes[0] = bgr.data();
-    d.pitches[0] = 3 * size.w;
-    return d;
-  }
+  OffscreenImage describe() { return packed_image(HSEG_PIXFMT_BGR24, size, bgr.data(), 3); }
 };
 
 bool read_file(const std::string &path, std::vector<uint8_t> *out) {
@@ -360,6 +364,23 @@ std::vector<uint8_t> make_cutout(const Picture &pic, const uint8_t *mask) {
   return rgba;
 }
 
+// One pass of a separable maximum over a w x h map of 0/1 marks: out(x, y)
+// is set when a mark lies within r places of (x, y) along x (along_x) or y.
+void spread_marks(const std::vector<uint8_t> &in, int32_t w, int32_t h, int32_t r, bool along_x,
+                  std::vector<uint8_t> &out) {
+  const int32_t len = along_x ? w : h;
+  const std::ptrdiff_t step = along_x ? 1 : w;
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const int32_t pos = along_x ? x : y;
+      const uint8_t *at = &in[size_t{1} * y * w + x];
+      uint8_t m = 0;
+      for (int32_t k = std::max(0, pos - r); k <= std::min(len - 1, pos + r) && !m; ++k)
+        m = at[(k - pos) * step];
+      out[size_t{1} * y * w + x] = m;
+    }
+}
+
 // Overlay: the picture in RGB with the background at 35% brightness and the
 // mask's edge drawn in green, about 1/300 of the shorter side thick.
 std::vector<uint8_t> make_overlay(const Picture &pic, const uint8_t *mask) {
@@ -378,20 +399,8 @@ std::vector<uint8_t> make_overlay(const Picture &pic, const uint8_t *mask) {
   const int32_t r = std::max(0, std::min(w, h) / 300 - 1);
   if (r > 0) {
     std::vector<uint8_t> tmp(n, 0);
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        uint8_t m = 0;
-        for (int32_t k = std::max(0, x - r); k <= std::min(w - 1, x + r) && !m; ++k)
-          m = edge[size_t{1} * y * w + k];
-        tmp[size_t{1} * y * w + x] = m;
-      }
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        uint8_t m = 0;
-        for (int32_t k = std::max(0, y - r); k <= std::min(h - 1, y + r) && !m; ++k)
-          m = tmp[size_t{1} * k * w + x];
-        edge[size_t{1} * y * w + x] = m;
-      }
+    spread_marks(edge, w, h, r, true, tmp);
+    spread_marks(tmp, w, h, r, false, edge);
   }
   std::vector<uint8_t> rgb(3 * n);
   for (size_t i = 0; i < n; ++i) {
@@ -517,12 +526,7 @@ class Segmenter {
     }
 
     mask_.assign(size_t{1} * mask_size_.w * mask_size_.h, 0);
-    OffscreenImage dst{};
-    dst.format = HSEG_PIXFMT_GRAY;
-    dst.width = mask_size_.w;
-    dst.height = mask_size_.h;
-    dst.planes[0] = mask_.data();
-    dst.pitches[0] = mask_size_.w;
+    OffscreenImage dst = packed_image(HSEG_PIXFMT_GRAY, mask_size_, mask_.data(), 1);
     HsegStageTimes t{};
     const MRESULT s = HsegTimed(nullptr, &net_src, &dst, 0, 0, &t);
     if (s != HSEG_OK) return library_failed("segmentation", s);
