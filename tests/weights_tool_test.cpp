@@ -18,9 +18,9 @@
 
 namespace {
 
-using hseg_weights::TensorSpec;
+using hseg_weights::TensorShape;
 
-const std::vector<TensorSpec> kSpecs = {
+const std::vector<TensorShape> kShapes = {
     {"a.weight", {2, 3}}, {"a.bias", {2}}, {"b.weight", {1, 1, 2, 2}}};
 constexpr size_t kDataBytes = (6 + 2 + 4) * 4;
 
@@ -77,7 +77,7 @@ std::vector<std::string> validate_bytes(const std::vector<uint8_t> &bytes) {
   const std::string path = temp_path("case.safetensors");
   write_bytes(path, bytes);
   hseg_weights::FileLayout layout;
-  auto errors = hseg_weights::validate(path, kSpecs, &layout);
+  auto errors = hseg_weights::validate(path, kShapes, &layout);
   std::remove(path.c_str());
   return errors;
 }
@@ -92,16 +92,16 @@ TEST(WeightsFile, WrittenFileValidatesAndIsCanonical) {
   const std::string p1 = temp_path("w1.safetensors"), p2 = temp_path("w2.safetensors");
   auto fill = [](size_t i, float *dst) { dst[0] = static_cast<float>(i) + 0.5f; };
   std::string error;
-  ASSERT_TRUE(hseg_weights::write_file(p1, kSpecs, fill, &error)) << error;
-  ASSERT_TRUE(hseg_weights::write_file(p2, kSpecs, fill, &error)) << error;
+  ASSERT_TRUE(hseg_weights::write_file(p1, kShapes, fill, &error)) << error;
+  ASSERT_TRUE(hseg_weights::write_file(p2, kShapes, fill, &error)) << error;
   const std::vector<uint8_t> a = read_bytes(p1), b = read_bytes(p2);
   EXPECT_EQ(a, b);
   hseg_weights::FileLayout layout;
-  EXPECT_TRUE(hseg_weights::validate(p1, kSpecs, &layout).empty());
+  EXPECT_TRUE(hseg_weights::validate(p1, kShapes, &layout).empty());
   EXPECT_EQ(layout.header_size % 8, 0u);
   EXPECT_EQ(layout.file_size, 8 + layout.header_size + kDataBytes);
   ASSERT_EQ(layout.tensors.size(), 3u);
-  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(layout.tensors[i].name, kSpecs[i].name);  // header order
+  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(layout.tensors[i].name, kShapes[i].name);  // header order
   std::remove(p1.c_str());
   std::remove(p2.c_str());
 }

@@ -46,13 +46,13 @@ std::string file_name_of(int index) {
   return buf;
 }
 
-std::vector<hseg_weights::TensorSpec> network_specs() {
-  std::vector<hseg_weights::TensorSpec> specs;
+std::vector<hseg_weights::TensorShape> network_shapes() {
+  std::vector<hseg_weights::TensorShape> shapes;
   for (int i = 0; i < kNetTensorCount; ++i) {
     const NetTensor t = hseg::net_tensor(i);
-    specs.push_back({file_name_of(i), std::vector<int64_t>(t.shape, t.shape + t.rank)});
+    shapes.push_back({file_name_of(i), std::vector<int64_t>(t.shape, t.shape + t.rank)});
   }
-  return specs;
+  return shapes;
 }
 
 int usage() {
@@ -104,7 +104,7 @@ int cmd_generate(int argc, char **argv) {
     return 1;
   }
   std::string error;
-  if (!hseg_weights::write_file(out, network_specs(),
+  if (!hseg_weights::write_file(out, network_shapes(),
                                 [&](size_t i, float *dst) { synth.fill(static_cast<int>(i), dst); },
                                 &error)) {
     std::fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
@@ -115,7 +115,7 @@ int cmd_generate(int argc, char **argv) {
 
 int cmd_validate(const std::string &path) {
   hseg_weights::FileLayout layout;
-  if (!report(path, hseg_weights::validate(path, network_specs(), &layout))) return 1;
+  if (!report(path, hseg_weights::validate(path, network_shapes(), &layout))) return 1;
   std::printf("%s: %d tensors, %lld bytes of weights: good\n", path.c_str(), kNetTensorCount,
               static_cast<long long>(hseg::net_weight_bytes()));
   return 0;
@@ -170,7 +170,7 @@ bool write_text(const std::string &path, const std::string &text) {
 // One read-only data symbol per tensor, each a slice of the weights file.
 int cmd_asm(const std::string &path, const std::string &out) {
   hseg_weights::FileLayout layout;
-  if (!report(path, hseg_weights::validate(path, network_specs(), &layout))) return 1;
+  if (!report(path, hseg_weights::validate(path, network_shapes(), &layout))) return 1;
   std::string s = "# Weights of the segmentation network, sliced from the weights file by " +
                   std::string(kProgram) + ".\n";
   s += "\t.section .note.GNU-stack,\"\",@progbits\n";
@@ -236,7 +236,7 @@ int cmd_export(std::string lib, const std::string &out) {
   int status = 0;
   if (missing == 0) {
     std::string error;
-    if (!hseg_weights::write_file(out, network_specs(),
+    if (!hseg_weights::write_file(out, network_shapes(),
                                   [&](size_t i, float *dst) {
                                     std::memcpy(dst, data[i], hseg::net_tensor(i).count * 4);
                                   },

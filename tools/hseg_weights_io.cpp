@@ -227,7 +227,7 @@ bool read_layout_stream(FILE *file, FileLayout *layout, std::vector<std::string>
   return errors->size() == errors_before;
 }
 
-std::vector<std::string> validate(const std::string &path, const std::vector<TensorSpec> &specs,
+std::vector<std::string> validate(const std::string &path, const std::vector<TensorShape> &shapes,
                                   FileLayout *layout) {
   std::vector<std::string> errors;
   if (!read_layout(path, layout, &errors)) return errors;
@@ -236,7 +236,7 @@ std::vector<std::string> validate(const std::string &path, const std::vector<Ten
   for (const TensorEntry &t : layout->tensors) by_name[t.name] = &t;
   std::set<std::string> expected;
   std::vector<const TensorEntry *> to_scan;
-  for (const TensorSpec &s : specs) {
+  for (const TensorShape &s : shapes) {
     expected.insert(s.name);
     const auto it = by_name.find(s.name);
     if (it == by_name.end()) {
@@ -296,12 +296,12 @@ std::vector<std::string> validate(const std::string &path, const std::vector<Ten
   return errors;
 }
 
-bool write_file(const std::string &path, const std::vector<TensorSpec> &specs,
+bool write_file(const std::string &path, const std::vector<TensorShape> &shapes,
                 const std::function<void(size_t, float *)> &fill, std::string *error) {
   nlohmann::ordered_json header = nlohmann::ordered_json::object();
   uint64_t at = 0;
   std::vector<uint64_t> counts;
-  for (const TensorSpec &s : specs) {
+  for (const TensorShape &s : shapes) {
     uint64_t count = 0;
     if (!shape_count(s.shape, &count)) {
       *error = "tensor " + s.name + ": shape too large";
@@ -324,7 +324,7 @@ bool write_file(const std::string &path, const std::vector<TensorSpec> &specs,
   bool ok = std::fwrite(len, 1, 8, f.get()) == 8 &&
             std::fwrite(text.data(), 1, text.size(), f.get()) == text.size();
   std::vector<float> values;
-  for (size_t i = 0; ok && i < specs.size(); ++i) {
+  for (size_t i = 0; ok && i < shapes.size(); ++i) {
     values.assign(counts[i], 0.0f);
     fill(i, values.data());
     ok = std::fwrite(values.data(), 4, values.size(), f.get()) == values.size();

@@ -20,7 +20,7 @@
 namespace hseg_weights {
 
 // A tensor the file must hold.
-struct TensorSpec {
+struct TensorShape {
   std::string name;
   std::vector<int64_t> shape;
 };
@@ -56,16 +56,16 @@ bool read_layout_stream(FILE *file, FileLayout *layout, std::vector<std::string>
 // and unexpected tensors, dtype (F32 only) and shape, then every value of
 // every well-formed expected tensor must be finite. Returns all problems
 // found (empty when the file is good); `layout` receives the header.
-std::vector<std::string> validate(const std::string &path, const std::vector<TensorSpec> &specs,
+std::vector<std::string> validate(const std::string &path, const std::vector<TensorShape> &shapes,
                                   FileLayout *layout);
 
-// Writes a file holding `specs` in their order, every tensor float32, no
+// Writes a file holding `shapes` in their order, every tensor float32, no
 // metadata, the header padded with spaces to a multiple of 8 bytes. `fill`
 // is called once per tensor, in order, with the tensor index and a buffer
 // of exactly the tensor's element count to fill. The bytes depend only on
-// the specs and the values, so two writers with equal input give equal
+// the shapes and the values, so two writers with equal input give equal
 // files. Returns false with a message when the file cannot be written.
-bool write_file(const std::string &path, const std::vector<TensorSpec> &specs,
+bool write_file(const std::string &path, const std::vector<TensorShape> &shapes,
                 const std::function<void(size_t, float *)> &fill, std::string *error);
 
 // Element count of a shape; false when a dimension is negative or the
