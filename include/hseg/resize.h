@@ -81,7 +81,9 @@ HSEG_API MRESULT LumResizeToBGR(MHandle mem, const OffscreenImage *src,
                                 const OffscreenImage *dst);
 
 /* The workers behind LumResizeToBGR, one per source format; exported for
- * callers that keep their own column table. Common arguments:
+ * callers that keep their own column table. Their argument lists, one type
+ * per source arrangement, are shared with the half-sampled workers below.
+ * Common arguments:
  *   src_width, src_height    source size; dst_width, dst_height the
  *                            destination's (all >= 1, except that a source
  *                            height below 1 returns HSEG_OK at once);
@@ -98,41 +100,44 @@ HSEG_API MRESULT LumResizeToBGR(MHandle mem, const OffscreenImage *src,
  * of a source row. Returns HSEG_OK, or HSEG_ERR_BAD_ARGUMENT (nothing
  * written) for a NULL pointer, a size below 1, a pitch smaller than a row, a
  * step other than the one named, or an entry outside those bounds. */
-HSEG_API MRESULT lumResize_Area_BGR(const uint8_t *src, int32_t src_pitch, int32_t src_width,
+
+/* One packed plane: BGR24 or YUY2. */
+typedef MRESULT LumAreaPackedWorker(const uint8_t *src, int32_t src_pitch, int32_t src_width,
                                     int32_t src_height, uint8_t *dst, int32_t dst_pitch,
                                     int32_t dst_width, int32_t dst_height, int32_t src_step,
                                     int32_t dst_step, const LumResizeEntry *table,
                                     int32_t entries, uint64_t *row_acc, uint64_t *carry_acc);
+/* Luma plane and one plane of interleaved chroma pairs: NV21. */
+typedef MRESULT LumAreaYUV420LPWorker(const uint8_t *y, const uint8_t *vu, int32_t y_pitch,
+                                      int32_t vu_pitch, int32_t src_width, int32_t src_height,
+                                      uint8_t *dst, int32_t dst_pitch, int32_t dst_width,
+                                      int32_t dst_height, int32_t src_step, int32_t dst_step,
+                                      const LumResizeEntry *table, int32_t entries,
+                                      uint64_t *row_acc, uint64_t *carry_acc);
+/* Luma plane and two chroma planes: I420. */
+typedef MRESULT LumAreaYUV420PlanarWorker(const uint8_t *y, const uint8_t *u, const uint8_t *v,
+                                          int32_t y_pitch, int32_t uv_pitch, int32_t src_width,
+                                          int32_t src_height, uint8_t *dst, int32_t dst_pitch,
+                                          int32_t dst_width, int32_t dst_height,
+                                          int32_t src_step, int32_t dst_step,
+                                          const LumResizeEntry *table, int32_t entries,
+                                          uint64_t *row_acc, uint64_t *carry_acc);
+
+/* Packed BGR source (src_step 3). */
+HSEG_API LumAreaPackedWorker lumResize_Area_BGR;
 
 /* Packed YUY2 source (src_step 2): a pixel at offset o reads Y from byte 0
  * (bit 1 of o clear) or byte 2 (set) of the 4-byte group at o & ~3, and U, V
  * from bytes 1 and 3 of that group. */
-HSEG_API MRESULT lumResize_Area_YUY2toBGR(const uint8_t *src, int32_t src_pitch,
-                                          int32_t src_width, int32_t src_height, uint8_t *dst,
-                                          int32_t dst_pitch, int32_t dst_width,
-                                          int32_t dst_height, int32_t src_step,
-                                          int32_t dst_step, const LumResizeEntry *table,
-                                          int32_t entries, uint64_t *row_acc,
-                                          uint64_t *carry_acc);
+HSEG_API LumAreaPackedWorker lumResize_Area_YUY2toBGR;
 
 /* Semi-planar NV21 source (src_step 1): Y from `y`, the V,U pair that covers
  * a pixel from chroma row y / 2 of `vu`. */
-HSEG_API MRESULT lumResize_Area_YUV420LPtoBGR(const uint8_t *y, const uint8_t *vu,
-                                              int32_t y_pitch, int32_t vu_pitch,
-                                              int32_t src_width, int32_t src_height,
-                                              uint8_t *dst, int32_t dst_pitch,
-                                              int32_t dst_width, int32_t dst_height,
-                                              int32_t src_step, int32_t dst_step,
-                                              const LumResizeEntry *table, int32_t entries,
-                                              uint64_t *row_acc, uint64_t *carry_acc);
+HSEG_API LumAreaYUV420LPWorker lumResize_Area_YUV420LPtoBGR;
 
 /* Planar I420 source (src_step 1): U and V from planes `u` and `v`, both
  * stepped with `uv_pitch`. */
-HSEG_API MRESULT lumResize_Area_YUV420PlanartoBGR(
-    const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t y_pitch, int32_t uv_pitch,
-    int32_t src_width, int32_t src_height, uint8_t *dst, int32_t dst_pitch, int32_t dst_width,
-    int32_t dst_height, int32_t src_step, int32_t dst_step, const LumResizeEntry *table,
-    int32_t entries, uint64_t *row_acc, uint64_t *carry_acc);
+HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR;
 
 /* A coarser NV21 shrink that samples instead of averaging (not used by
  * LumResizeToBGR): it visits every second source row and every second table
@@ -178,12 +183,7 @@ HSEG_API MRESULT LumResizeToBGR_SP(MHandle mem, const OffscreenImage *src,
  * ((src_height * 2048) / dst_height + 3) >> 2 for the YUV layouts (two
  * roundings of the same quantity, kept as they are). The YUY2 worker keeps
  * 32-bit accumulators. */
-HSEG_API MRESULT lumResize_Area_BGR_SP(const uint8_t *src, int32_t src_pitch, int32_t src_width,
-                                       int32_t src_height, uint8_t *dst, int32_t dst_pitch,
-                                       int32_t dst_width, int32_t dst_height, int32_t src_step,
-                                       int32_t dst_step, const LumResizeEntry *table,
-                                       int32_t entries, uint64_t *row_acc,
-                                       uint64_t *carry_acc);
+HSEG_API LumAreaPackedWorker lumResize_Area_BGR_SP;
 HSEG_API MRESULT lumResize_Area_YUY2toBGR_SP(const uint8_t *src, int32_t src_pitch,
                                              int32_t src_width, int32_t src_height,
                                              uint8_t *dst, int32_t dst_pitch, int32_t dst_width,
@@ -191,19 +191,8 @@ HSEG_API MRESULT lumResize_Area_YUY2toBGR_SP(const uint8_t *src, int32_t src_pit
                                              int32_t dst_step, const LumResizeEntry *table,
                                              int32_t entries, uint32_t *row_acc,
                                              uint32_t *carry_acc);
-HSEG_API MRESULT lumResize_Area_YUV420LPtoBGR_SP(const uint8_t *y, const uint8_t *vu,
-                                                 int32_t y_pitch, int32_t vu_pitch,
-                                                 int32_t src_width, int32_t src_height,
-                                                 uint8_t *dst, int32_t dst_pitch,
-                                                 int32_t dst_width, int32_t dst_height,
-                                                 int32_t src_step, int32_t dst_step,
-                                                 const LumResizeEntry *table, int32_t entries,
-                                                 uint64_t *row_acc, uint64_t *carry_acc);
-HSEG_API MRESULT lumResize_Area_YUV420PlanartoBGR_SP(
-    const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t y_pitch, int32_t uv_pitch,
-    int32_t src_width, int32_t src_height, uint8_t *dst, int32_t dst_pitch, int32_t dst_width,
-    int32_t dst_height, int32_t src_step, int32_t dst_step, const LumResizeEntry *table,
-    int32_t entries, uint64_t *row_acc, uint64_t *carry_acc);
+HSEG_API LumAreaYUV420LPWorker lumResize_Area_YUV420LPtoBGR_SP;
+HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
 
 /* ---- end of area resize ---- */
 

@@ -3,8 +3,7 @@
 #include <cstring>
 
 #include "hseg/resize.h"
-#include "resize/area_table.h"
-#include "resize/area_walk.h"
+#include "resize/area_worker.h"
 #include "resize/yuv.h"
 
 namespace hseg {
@@ -16,29 +15,35 @@ int64_t row_step(int32_t src_height, int32_t dst_height) {
   return (int64_t{src_height} * 2048 / dst_height + 1) >> 1;
 }
 
-WalkShape full_shape(int32_t src_height, int32_t dst_height) {
-  return WalkShape{src_height, row_step(src_height, dst_height), true};
-}
+// One visit per source row, and the last one closes the current row.
+struct FullShape {
+  static WalkShape shape(int32_t src_height, int32_t dst_height) {
+    return WalkShape{src_height, row_step(src_height, dst_height), true};
+  }
+};
 
-// One visit per source row. Each sampler yields channel 0, 1, 2 of the entry
-// at a source offset: B, G, R for BGR and Y, U, V for the YUV layouts.
-
-struct BgrRows {
+// One plane stepped a row a visit: the packed layouts, and the luma of the
+// 4:2:0 ones.
+struct PlaneRows : FullShape {
   const uint8_t *p;
   int32_t pitch;
-  auto sampler() const {
-    return [row = p](int32_t o, uint32_t *s) {
-      s[0] = row[o];
-      s[1] = row[o + 1];
-      s[2] = row[o + 2];
-    };
-  }
+  PlaneRows(const SourcePlanes &s, int32_t, int32_t) : p(s.plane[0]), pitch(s.pitch[0]) {}
   void next() { p += pitch; }
 };
 
-struct Yuy2Rows {
-  const uint8_t *p;
-  int32_t pitch;
+struct BgrRows : Reader<HSEG_PIXFMT_BGR24, 3>, PlaneRows {
+  using PlaneRows::PlaneRows;
+  static int64_t src_end(int32_t width) { return bgr_row_bytes(width) - 2; }
+  auto sampler() const {
+    return [row = p](int32_t o, uint32_t *s) { sample_bgr(row, o, s); };
+  }
+};
+
+struct Yuy2Rows : Reader<HSEG_PIXFMT_YUY2, 2>, PlaneRows {
+  using PlaneRows::PlaneRows;
+  // A pixel's offset is its column * 2, so offsets below 2 * width stay in
+  // the row's whole groups.
+  static int64_t src_end(int32_t width) { return 2 * int64_t{width}; }
   auto sampler() const {
     return [row = p](int32_t o, uint32_t *s) {
       const uint8_t *g = row + (o & ~3);  // Y0 U Y1 V group of the pixel
@@ -47,164 +52,51 @@ struct Yuy2Rows {
       s[2] = g[3];
     };
   }
-  void next() { p += pitch; }
 };
 
-struct Nv21Rows {
-  const uint8_t *y;
-  const uint8_t *vu;
-  int32_t y_pitch;
-  int32_t vu_pitch;
+// The luma of the 4:2:0 layouts, one row a visit; the chroma row is the
+// source row / 2.
+struct LumaRows : PlaneRows {
+  static constexpr int32_t kStep = 1;
+  static int64_t src_end(int32_t width) { return width; }
   int32_t row = 0;
-  auto sampler() const {
-    return [yr = y, cr = vu](int32_t o, uint32_t *s) {
-      const uint8_t *pair = cr + ((o | 1) - 1);  // both pixels of a pair read it
-      s[0] = yr[o];
-      s[1] = pair[1];  // U
-      s[2] = pair[0];  // V
-    };
+  using PlaneRows::PlaneRows;
+  auto luma_sampler() const {
+    return [luma = p](int32_t o) { return uint32_t{luma[o]}; };
   }
-  void next() {
-    y += y_pitch;
-    if (row++ & 1) vu += vu_pitch;  // chroma row = source row / 2
+  bool next_luma() {
+    PlaneRows::next();
+    return (row++ & 1) != 0;
   }
 };
 
-struct I420Rows {
-  const uint8_t *y;
-  const uint8_t *u;
-  const uint8_t *v;
-  int32_t y_pitch;
-  int32_t uv_pitch;
-  int32_t row = 0;
-  auto sampler() const {
-    return [yr = y, ur = u, vr = v](int32_t o, uint32_t *s) {
-      s[0] = yr[o];
-      s[1] = ur[o >> 1];
-      s[2] = vr[o >> 1];
-    };
-  }
-  void next() {
-    y += y_pitch;
-    if (row++ & 1) {
-      u += uv_pitch;
-      v += uv_pitch;
-    }
-  }
+using Nv21Rows = Nv21Reader<LumaRows>;
+
+struct FullGrid {
+  static constexpr bool kHalf = false;
+  using Bgr = BgrRows;
+  using Yuy2 = Yuy2Rows;
+  using Nv21 = Nv21Rows;
+  using I420 = I420Reader<LumaRows>;
 };
-
-template <Walk kWalk>
-MRESULT bgr_worker(const uint8_t *src, int32_t src_pitch, int32_t src_width, int32_t src_height,
-                   uint8_t *dst, int32_t dst_pitch, int32_t dst_width, int32_t dst_height,
-                   int32_t src_step, int32_t dst_step, const LumResizeEntry *table,
-                   int32_t entries, uint64_t *row_acc, uint64_t *carry_acc) {
-  if (src_height < 1) return HSEG_OK;
-  MRESULT s = check_worker(src_width, dst_width, dst_height, dst, dst_pitch, src_step, 3, dst_step,
-                           table, entries, row_acc, carry_acc, bgr_row_bytes(src_width) - 2);
-  if (s != HSEG_OK) return s;
-  if (!plane_ok(src, src_pitch, bgr_row_bytes(src_width))) return HSEG_ERR_BAD_ARGUMENT;
-  BgrRows rows{src, src_pitch};
-  area_walk<kWalk>(rows, table, entries, StoreBgr(), full_shape(src_height, dst_height),
-                   Dest{dst, dst_pitch, dst_width, dst_height}, row_acc, carry_acc);
-  return HSEG_OK;
-}
-
-template <Walk kWalk>
-MRESULT yuy2_worker(const uint8_t *src, int32_t src_pitch, int32_t src_width, int32_t src_height,
-                    uint8_t *dst, int32_t dst_pitch, int32_t dst_width, int32_t dst_height,
-                    int32_t src_step, int32_t dst_step, const LumResizeEntry *table,
-                    int32_t entries, uint64_t *row_acc, uint64_t *carry_acc) {
-  if (src_height < 1) return HSEG_OK;
-  // A pixel's offset is its column * 2, so offsets below 2 * width stay in
-  // the row's whole groups.
-  MRESULT s = check_worker(src_width, dst_width, dst_height, dst, dst_pitch, src_step, 2, dst_step,
-                           table, entries, row_acc, carry_acc, 2 * int64_t{src_width});
-  if (s != HSEG_OK) return s;
-  if (!plane_ok(src, src_pitch, yuy2_row_bytes(src_width))) return HSEG_ERR_BAD_ARGUMENT;
-  Yuy2Rows rows{src, src_pitch};
-  area_walk<kWalk>(rows, table, entries, StoreYuv(), full_shape(src_height, dst_height),
-                   Dest{dst, dst_pitch, dst_width, dst_height}, row_acc, carry_acc);
-  return HSEG_OK;
-}
-
-template <Walk kWalk>
-MRESULT nv21_worker(const uint8_t *y, const uint8_t *vu, int32_t y_pitch, int32_t vu_pitch,
-                    int32_t src_width, int32_t src_height, uint8_t *dst, int32_t dst_pitch,
-                    int32_t dst_width, int32_t dst_height, int32_t src_step, int32_t dst_step,
-                    const LumResizeEntry *table, int32_t entries, uint64_t *row_acc,
-                    uint64_t *carry_acc) {
-  if (src_height < 1) return HSEG_OK;
-  MRESULT s = check_worker(src_width, dst_width, dst_height, dst, dst_pitch, src_step, 1, dst_step,
-                           table, entries, row_acc, carry_acc, src_width);
-  if (s != HSEG_OK) return s;
-  if (!plane_ok(y, y_pitch, luma_row_bytes(src_width)) ||
-      !plane_ok(vu, vu_pitch, nv21_chroma_row_bytes(src_width))) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
-  Nv21Rows rows{y, vu, y_pitch, vu_pitch};
-  area_walk<kWalk>(rows, table, entries, StoreYuv(), full_shape(src_height, dst_height),
-                   Dest{dst, dst_pitch, dst_width, dst_height}, row_acc, carry_acc);
-  return HSEG_OK;
-}
-
-template <Walk kWalk>
-MRESULT i420_worker(const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t y_pitch,
-                    int32_t uv_pitch, int32_t src_width, int32_t src_height, uint8_t *dst,
-                    int32_t dst_pitch, int32_t dst_width, int32_t dst_height, int32_t src_step,
-                    int32_t dst_step, const LumResizeEntry *table, int32_t entries,
-                    uint64_t *row_acc, uint64_t *carry_acc) {
-  if (src_height < 1) return HSEG_OK;
-  MRESULT s = check_worker(src_width, dst_width, dst_height, dst, dst_pitch, src_step, 1, dst_step,
-                           table, entries, row_acc, carry_acc, src_width);
-  if (s != HSEG_OK) return s;
-  if (!plane_ok(y, y_pitch, luma_row_bytes(src_width)) ||
-      !plane_ok(u, uv_pitch, i420_chroma_row_bytes(src_width)) || v == nullptr) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
-  I420Rows rows{y, u, v, y_pitch, uv_pitch};
-  area_walk<kWalk>(rows, table, entries, StoreYuv(), full_shape(src_height, dst_height),
-                   Dest{dst, dst_pitch, dst_width, dst_height}, row_acc, carry_acc);
-  return HSEG_OK;
-}
-
-template <Walk kWalk>
-MRESULT dispatch(const OffscreenImage &a, const OffscreenImage &b, const WorkBlock &w,
-                 int32_t entries) {
-  switch (a.format) {
-    case HSEG_PIXFMT_BGR24:
-      return bgr_worker<kWalk>(a.planes[0], a.pitches[0], a.width, a.height, b.planes[0],
-                               b.pitches[0], b.width, b.height, 3, 3, w.table, entries, w.row,
-                               w.carry);
-    case HSEG_PIXFMT_YUY2:
-      return yuy2_worker<kWalk>(a.planes[0], a.pitches[0], a.width, a.height, b.planes[0],
-                                b.pitches[0], b.width, b.height, 2, 3, w.table, entries, w.row,
-                                w.carry);
-    case HSEG_PIXFMT_NV21:
-      return nv21_worker<kWalk>(a.planes[0], a.planes[1], a.pitches[0], a.pitches[1], a.width,
-                                a.height, b.planes[0], b.pitches[0], b.width, b.height, 1, 3,
-                                w.table, entries, w.row, w.carry);
-    default:  // HSEG_PIXFMT_I420; the descriptor check lets no other code through
-      return i420_worker<kWalk>(a.planes[0], a.planes[1], a.planes[2], a.pitches[0],
-                                a.pitches[1], a.width, a.height, b.planes[0], b.pitches[0],
-                                b.width, b.height, 1, 3, w.table, entries, w.row, w.carry);
-  }
-}
 
 }  // namespace
 
 MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
-  return run_area_resize(mem, src, dst, false, dispatch<Walk::kPlain>);
+  return resize_on<Walk::kPlain, FullGrid>(mem, src, dst);
 }
 
 }  // namespace area
 }  // namespace hseg
 
+using hseg::area::area_worker;
+using hseg::area::SourcePlanes;
 using hseg::area::Walk;
 
 extern "C" {
 
 MRESULT LumResizeToBGR(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
-  return hseg::area::run_area_resize(mem, src, dst, false, hseg::area::dispatch<Walk::kFused>);
+  return hseg::area::resize_on<Walk::kFused, hseg::area::FullGrid>(mem, src, dst);
 }
 
 MRESULT lumResize_Area_BGR(const uint8_t *src, int32_t src_pitch, int32_t src_width,
@@ -212,9 +104,11 @@ MRESULT lumResize_Area_BGR(const uint8_t *src, int32_t src_pitch, int32_t src_wi
                            int32_t dst_height, int32_t src_step, int32_t dst_step,
                            const LumResizeEntry *table, int32_t entries, uint64_t *row_acc,
                            uint64_t *carry_acc) {
-  return hseg::area::bgr_worker<Walk::kFused>(src, src_pitch, src_width, src_height, dst,
-                                              dst_pitch, dst_width, dst_height, src_step,
-                                              dst_step, table, entries, row_acc, carry_acc);
+  return area_worker<Walk::kFused, hseg::area::BgrRows>(
+      SourcePlanes{{src}, {src_pitch}},
+      {src_width, src_height, dst, dst_pitch, dst_width, dst_height, src_step, dst_step, table,
+       entries},
+      row_acc, carry_acc);
 }
 
 MRESULT lumResize_Area_YUY2toBGR(const uint8_t *src, int32_t src_pitch, int32_t src_width,
@@ -222,9 +116,11 @@ MRESULT lumResize_Area_YUY2toBGR(const uint8_t *src, int32_t src_pitch, int32_t 
                                  int32_t dst_width, int32_t dst_height, int32_t src_step,
                                  int32_t dst_step, const LumResizeEntry *table, int32_t entries,
                                  uint64_t *row_acc, uint64_t *carry_acc) {
-  return hseg::area::yuy2_worker<Walk::kFused>(src, src_pitch, src_width, src_height, dst,
-                                               dst_pitch, dst_width, dst_height, src_step,
-                                               dst_step, table, entries, row_acc, carry_acc);
+  return area_worker<Walk::kFused, hseg::area::Yuy2Rows>(
+      SourcePlanes{{src}, {src_pitch}},
+      {src_width, src_height, dst, dst_pitch, dst_width, dst_height, src_step, dst_step, table,
+       entries},
+      row_acc, carry_acc);
 }
 
 MRESULT lumResize_Area_YUV420LPtoBGR(const uint8_t *y, const uint8_t *vu, int32_t y_pitch,
@@ -233,9 +129,11 @@ MRESULT lumResize_Area_YUV420LPtoBGR(const uint8_t *y, const uint8_t *vu, int32_
                                      int32_t dst_height, int32_t src_step, int32_t dst_step,
                                      const LumResizeEntry *table, int32_t entries,
                                      uint64_t *row_acc, uint64_t *carry_acc) {
-  return hseg::area::nv21_worker<Walk::kFused>(y, vu, y_pitch, vu_pitch, src_width, src_height,
-                                               dst, dst_pitch, dst_width, dst_height, src_step,
-                                               dst_step, table, entries, row_acc, carry_acc);
+  return area_worker<Walk::kFused, hseg::area::Nv21Rows>(
+      SourcePlanes{{y, vu}, {y_pitch, vu_pitch}},
+      {src_width, src_height, dst, dst_pitch, dst_width, dst_height, src_step, dst_step, table,
+       entries},
+      row_acc, carry_acc);
 }
 
 MRESULT lumResize_Area_YUV420PlanartoBGR(const uint8_t *y, const uint8_t *u, const uint8_t *v,
@@ -243,12 +141,12 @@ MRESULT lumResize_Area_YUV420PlanartoBGR(const uint8_t *y, const uint8_t *u, con
                                          int32_t src_height, uint8_t *dst, int32_t dst_pitch,
                                          int32_t dst_width, int32_t dst_height, int32_t src_step,
                                          int32_t dst_step, const LumResizeEntry *table,
-                                         int32_t entries, uint64_t *row_acc,
-                                         uint64_t *carry_acc) {
-  return hseg::area::i420_worker<Walk::kFused>(y, u, v, y_pitch, uv_pitch, src_width,
-                                               src_height, dst, dst_pitch, dst_width,
-                                               dst_height, src_step, dst_step, table, entries,
-                                               row_acc, carry_acc);
+                                         int32_t entries, uint64_t *row_acc, uint64_t *carry_acc) {
+  return area_worker<Walk::kFused, hseg::area::FullGrid::I420>(
+      SourcePlanes{{y, u, v}, {y_pitch, uv_pitch}},
+      {src_width, src_height, dst, dst_pitch, dst_width, dst_height, src_step, dst_step, table,
+       entries},
+      row_acc, carry_acc);
 }
 
 MRESULT lumResize_Area_YUV420LPtoBGR_Fast(const uint8_t *y, const uint8_t *vu, int32_t y_pitch,
@@ -259,13 +157,11 @@ MRESULT lumResize_Area_YUV420LPtoBGR_Fast(const uint8_t *y, const uint8_t *vu, i
                                           uint32_t *count_acc, uint32_t *sum_acc) {
   using namespace hseg::area;
   if (src_height < 1) return HSEG_OK;
-  MRESULT s = check_worker(src_width, dst_width, dst_height, dst, dst_pitch, src_step, 1, dst_step,
-                           table, entries, count_acc, sum_acc, src_width);
+  const MRESULT s = check_rows_call<Nv21Rows>(SourcePlanes{{y, vu}, {y_pitch, vu_pitch}},
+                                              {src_width, src_height, dst, dst_pitch, dst_width,
+                                               dst_height, src_step, dst_step, table, entries},
+                                              count_acc, sum_acc);
   if (s != HSEG_OK) return s;
-  if (!plane_ok(y, y_pitch, luma_row_bytes(src_width)) ||
-      !plane_ok(vu, vu_pitch, nv21_chroma_row_bytes(src_width))) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
   const int32_t n = 3 * dst_width;
   std::memset(count_acc, 0, sizeof(uint32_t) * size_t(n));
   std::memset(sum_acc, 0, sizeof(uint32_t) * size_t(n));

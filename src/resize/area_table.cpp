@@ -85,34 +85,37 @@ WorkBlock split_work_block(void *block, int32_t dst_width) {
   return w;
 }
 
-MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) {
-  if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
-  const int64_t w = src->width;
-  bool planes = false;
-  switch (src->format) {
+bool source_planes_ok(uint32_t format, const SourcePlanes &src, int64_t width) {
+  switch (format) {
     case HSEG_PIXFMT_BGR24:
-      planes = plane_ok(src->planes[0], src->pitches[0], bgr_row_bytes(w));
-      break;
+      return plane_ok(src.plane[0], src.pitch[0], bgr_row_bytes(width));
     case HSEG_PIXFMT_YUY2:
-      planes = plane_ok(src->planes[0], src->pitches[0], yuy2_row_bytes(w));
-      break;
+      return plane_ok(src.plane[0], src.pitch[0], yuy2_row_bytes(width));
     case HSEG_PIXFMT_NV21:
-      planes = plane_ok(src->planes[0], src->pitches[0], luma_row_bytes(w)) &&
-               plane_ok(src->planes[1], src->pitches[1], nv21_chroma_row_bytes(w));
-      break;
+      return plane_ok(src.plane[0], src.pitch[0], luma_row_bytes(width)) &&
+             plane_ok(src.plane[1], src.pitch[1], nv21_chroma_row_bytes(width));
     case HSEG_PIXFMT_I420:
       // Both chroma planes are stepped with pitch 1.
-      planes = plane_ok(src->planes[0], src->pitches[0], luma_row_bytes(w)) &&
-               plane_ok(src->planes[1], src->pitches[1], i420_chroma_row_bytes(w)) &&
-               src->planes[2] != nullptr;
-      break;
+      return plane_ok(src.plane[0], src.pitch[0], luma_row_bytes(width)) &&
+             plane_ok(src.plane[1], src.pitch[1], i420_chroma_row_bytes(width)) &&
+             src.plane[2] != nullptr;
     default:
-      return HSEG_ERR_FORMAT;
+      return false;
+  }
+}
+
+MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) {
+  if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  const uint32_t f = src->format;
+  if (f != HSEG_PIXFMT_BGR24 && f != HSEG_PIXFMT_YUY2 && f != HSEG_PIXFMT_NV21 &&
+      f != HSEG_PIXFMT_I420) {
+    return HSEG_ERR_FORMAT;
   }
   if (src->width < 1 || src->height < 1 || dst->width < 1 || dst->height < 1) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
-  if (!planes || !plane_ok(dst->planes[0], dst->pitches[0], bgr_row_bytes(dst->width))) {
+  if (!source_planes_ok(f, planes_of(*src), src->width) ||
+      !plane_ok(dst->planes[0], dst->pitches[0], bgr_row_bytes(dst->width))) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
   return HSEG_OK;
@@ -150,18 +153,16 @@ MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenI
   return s;
 }
 
-MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, const uint8_t *dst,
-                     int32_t dst_pitch, int32_t src_step, int32_t expected_src_step,
-                     int32_t dst_step, const LumResizeEntry *table, int32_t entries,
-                     const void *acc0, const void *acc1, int64_t src_end) {
-  if (src_width < 1 || dst_width < 1 || dst_height < 1) return HSEG_ERR_BAD_ARGUMENT;
-  if (!plane_ok(dst, dst_pitch, bgr_row_bytes(dst_width))) return HSEG_ERR_BAD_ARGUMENT;
-  if (src_step != expected_src_step || dst_step != 3) return HSEG_ERR_BAD_ARGUMENT;
-  if (acc0 == nullptr || acc1 == nullptr || entries < 0) return HSEG_ERR_BAD_ARGUMENT;
-  if (entries > 0 && table == nullptr) return HSEG_ERR_BAD_ARGUMENT;
-  const int64_t dst_end = 3 * int64_t{dst_width} - 2;  // last triple starts below this
-  for (int32_t i = 0; i < entries; ++i) {
-    const LumResizeEntry &e = table[i];
+MRESULT check_worker(const WorkerCall &c, int32_t expected_src_step, const void *acc0,
+                     const void *acc1, int64_t src_end) {
+  if (c.src_width < 1 || c.dst_width < 1 || c.dst_height < 1) return HSEG_ERR_BAD_ARGUMENT;
+  if (!plane_ok(c.dst, c.dst_pitch, bgr_row_bytes(c.dst_width))) return HSEG_ERR_BAD_ARGUMENT;
+  if (c.src_step != expected_src_step || c.dst_step != 3) return HSEG_ERR_BAD_ARGUMENT;
+  if (acc0 == nullptr || acc1 == nullptr || c.entries < 0) return HSEG_ERR_BAD_ARGUMENT;
+  if (c.entries > 0 && c.table == nullptr) return HSEG_ERR_BAD_ARGUMENT;
+  const int64_t dst_end = 3 * int64_t{c.dst_width} - 2;  // last triple starts below this
+  for (int32_t i = 0; i < c.entries; ++i) {
+    const LumResizeEntry &e = c.table[i];
     if (e.src_offset < 0 || e.src_offset >= src_end || e.dst_offset < 0 ||
         e.dst_offset >= dst_end) {
       return HSEG_ERR_BAD_ARGUMENT;

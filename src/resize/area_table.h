@@ -57,14 +57,44 @@ WorkBlock split_work_block(void *block, int32_t dst_width);
 // plane that the format reads or a pitch smaller than a row; HSEG_OK else.
 MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst);
 
-// Checks what every worker gets from its caller apart from the source
-// planes: sizes, destination, steps, accumulators and that every table entry
-// reads at a source offset below `src_end` and writes a triple inside the
-// destination row. Returns HSEG_OK or HSEG_ERR_BAD_ARGUMENT.
-MRESULT check_worker(int32_t src_width, int32_t dst_width, int32_t dst_height, const uint8_t *dst,
-                     int32_t dst_pitch, int32_t src_step, int32_t expected_src_step,
-                     int32_t dst_step, const LumResizeEntry *table, int32_t entries,
-                     const void *acc0, const void *acc1, int64_t src_end);
+// The source planes as the workers read them: plane 0 with pitch 0, plane 1
+// with pitch 1, and I420's V (plane 2) stepped with pitch 1 as well.
+struct SourcePlanes {
+  const uint8_t *plane[3];
+  int32_t pitch[2];
+};
+
+inline SourcePlanes planes_of(const OffscreenImage &img) {
+  return SourcePlanes{{img.planes[0], img.planes[1], img.planes[2]},
+                      {img.pitches[0], img.pitches[1]}};
+}
+
+// True when every plane that `format` reads is non-null and its pitch holds
+// a row of `width` pixels; false also for a format the area resize does not
+// read.
+bool source_planes_ok(uint32_t format, const SourcePlanes &src, int64_t width);
+
+// What every worker gets from its caller apart from the source planes and
+// the accumulators.
+struct WorkerCall {
+  int32_t src_width;
+  int32_t src_height;
+  uint8_t *dst;
+  int32_t dst_pitch;
+  int32_t dst_width;
+  int32_t dst_height;
+  int32_t src_step;
+  int32_t dst_step;
+  const LumResizeEntry *table;
+  int32_t entries;
+};
+
+// Checks a worker call apart from the source planes: sizes, destination,
+// steps, accumulators and that every table entry reads at a source offset
+// below `src_end` and writes a triple inside the destination row. Returns
+// HSEG_OK or HSEG_ERR_BAD_ARGUMENT.
+MRESULT check_worker(const WorkerCall &c, int32_t expected_src_step, const void *acc0,
+                     const void *acc1, int64_t src_end);
 
 // The worker call of an entry point, once the table is built.
 using Dispatch = MRESULT (*)(const OffscreenImage &src, const OffscreenImage &dst,
