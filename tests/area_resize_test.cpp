@@ -1,136 +1,33 @@
 // Area resize to BGR, full and half-sampled, against independent references.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <random>
 #include <utility>
-#include <vector>
 
-#include "hseg/resize.h"
 #include "resize/area_table.h"
 #include "support/alloc_hooks.h"
+#include "support/resize_images.h"
 
 namespace {
 
+using namespace hseg_test;
 using Resize = MRESULT (*)(MHandle, const OffscreenImage *, const OffscreenImage *);
 const uint32_t kFormats[] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_NV21,
                              HSEG_PIXFMT_I420};
-const uint32_t kYuvFormats[] = {HSEG_PIXFMT_YUY2, HSEG_PIXFMT_NV21, HSEG_PIXFMT_I420};
-constexpr uint8_t kCanary = 0xA5;
 
-// A logical picture: BGR pixels, and independently Y per pixel with U, V per
-// 2x2 block, so that all three YUV layouts carry the same chroma.
-struct Picture {
-  int w, h;
-  std::vector<uint8_t> bgr, y, u, v;
-  int cw() const { return (w + 1) / 2; }
-  int Y(int x, int r) const { return y[size_t(r) * w + x]; }
-  int U(int x, int r) const { return u[size_t(r / 2) * cw() + x / 2]; }
-  int V(int x, int r) const { return v[size_t(r / 2) * cw() + x / 2]; }
-};
-
-Picture random_picture(std::mt19937 &rng, int w, int h, int lo = 0, int hi = 255) {
-  std::uniform_int_distribution<int> d(lo, hi);
-  Picture p{w, h, {}, {}, {}, {}};
-  const size_t c = size_t(p.cw()) * ((h + 1) / 2);
-  for (auto *pl : {&p.bgr, &p.y, &p.u, &p.v}) {
-    pl->resize(pl == &p.bgr ? size_t(3) * w * h : pl == &p.y ? size_t(w) * h : c);
-    for (auto &b : *pl) b = uint8_t(d(rng));
-  }
-  return p;
+// Both I420 chroma planes are stepped with pitch 1: pitch 2 is spoiled to
+// show that it is never read.
+Frame describe(const Picture &p, uint32_t format, int pad) {
+  Frame f = make_frame(p, format, pad, pad);
+  f.d.pitches[2] = 9999;
+  return f;
 }
 
-// Source planes are sized exactly (no padding after the last row) so that a
-// read past them trips the sanitizer build; rows are padded by `pad` bytes.
-struct Source {
-  OffscreenImage d{};
-  std::vector<uint8_t> plane[3];
-  uint8_t *make(int i, int row_bytes, int rows, int pad) {
-    d.pitches[i] = row_bytes + pad;
-    plane[i].assign(size_t(d.pitches[i]) * (rows - 1) + row_bytes, 0xEE);
-    return d.planes[i] = plane[i].data();
-  }
-};
-
-Source describe(const Picture &p, uint32_t format, int pad) {
-  Source s;
-  s.d.format = format;
-  s.d.width = p.w;
-  s.d.height = p.h;
-  const int cw = p.cw(), ch = (p.h + 1) / 2;
-  if (format == HSEG_PIXFMT_BGR24) {
-    uint8_t *b = s.make(0, 3 * p.w, p.h, pad);
-    for (int r = 0; r < p.h; ++r) std::memcpy(b + r * s.d.pitches[0], &p.bgr[3 * r * p.w], 3 * p.w);
-    return s;
-  }
-  if (format == HSEG_PIXFMT_YUY2) {
-    uint8_t *b = s.make(0, 4 * cw, p.h, pad);
-    for (int r = 0; r < p.h; ++r) {
-      for (int x = 0; x < p.w; x += 2) {
-        uint8_t *g = b + r * s.d.pitches[0] + 2 * x;
-        g[0] = uint8_t(p.Y(x, r));
-        g[1] = uint8_t(p.U(x, r));
-        g[2] = x + 1 < p.w ? uint8_t(p.Y(x + 1, r)) : 255;  // past an odd width
-        g[3] = uint8_t(p.V(x, r));
-      }
-    }
-    return s;
-  }
-  uint8_t *yp = s.make(0, p.w, p.h, pad);
-  for (int r = 0; r < p.h; ++r) std::memcpy(yp + r * s.d.pitches[0], &p.y[size_t(r) * p.w], p.w);
-  if (format == HSEG_PIXFMT_NV21) {
-    uint8_t *c = s.make(1, 2 * cw, ch, pad);
-    for (int r = 0; r < ch; ++r) {
-      for (int x = 0; x < cw; ++x) {
-        c[r * s.d.pitches[1] + 2 * x] = p.v[r * cw + x];
-        c[r * s.d.pitches[1] + 2 * x + 1] = p.u[r * cw + x];
-      }
-    }
-    return s;
-  }
-  uint8_t *u = s.make(1, cw, ch, pad);
-  uint8_t *v = s.make(2, cw, ch, pad);  // laid out with the U pitch ...
-  s.d.pitches[2] = 9999;                // ... which is the one that is read
-  for (int r = 0; r < ch; ++r) {
-    std::memcpy(u + r * s.d.pitches[1], &p.u[r * cw], cw);
-    std::memcpy(v + r * s.d.pitches[1], &p.v[r * cw], cw);
-  }
-  return s;
-}
-
-// A BGR destination filled with the canary; the last row is exact.
-struct Target {
-  OffscreenImage d{};
-  std::vector<uint8_t> buf;
-  Target(int w, int h, int pad = 0, uint8_t fill = kCanary) {
-    d.format = HSEG_PIXFMT_BGR24;
-    d.width = w;
-    d.height = h;
-    d.pitches[0] = 3 * w + pad;
-    buf.assign(size_t(d.pitches[0]) * (h - 1) + 3 * w, fill);
-    d.planes[0] = buf.data();
-  }
-  const uint8_t *px(int x, int r) const { return &buf[size_t(r) * d.pitches[0] + 3 * x]; }
-  bool untouched() const {
-    return std::all_of(buf.begin(), buf.end(), [](uint8_t b) { return b == kCanary; });
-  }
-  bool padding_untouched() const {
-    for (size_t i = 0; i < buf.size(); ++i) {
-      if (int(i % d.pitches[0]) >= 3 * d.width && buf[i] != kCanary) return false;
-    }
-    return true;
-  }
-};
-
-// Full-range conversion in double: the shifts of the 14-bit formula are
-// floor(x + 0.5) of exactly representable values.
-void convert(int y, int u, int v, int out[3]) {
-  const double uu = u - 128, vv = v - 128;
-  const double c[3] = {y + 29049.0 / 16384 * uu, y - (11698.0 * vv + 5636.0 * uu) / 16384,
-                       y + 22987.0 / 16384 * vv};
-  for (int k = 0; k < 3; ++k) out[k] = std::clamp(int(std::floor(c[k] + 0.5)), 0, 255);
+// Resizes into a raster filled with `fill`; the status must be HSEG_OK.
+Raster run(Resize resize, const Frame &s, int dw, int dh, int pad = 0, uint8_t fill = kCanary) {
+  Raster t(dw, dh, 3, pad, fill);
+  const OffscreenImage d = t.bgr();
+  EXPECT_EQ(resize(nullptr, &s.d, &d), HSEG_OK);
+  return t;
 }
 
 // Channel planes on the walk's grid: the picture itself (`half` false) or
@@ -141,24 +38,19 @@ struct Grid {
 };
 
 Grid grid_of(const Picture &p, uint32_t format, bool half) {
-  Grid g{half ? p.cw() : p.w, half ? (p.h + 1) / 2 : p.h, {}};
+  Grid g{half ? p.cw() : p.w, half ? p.ch() : p.h, {}};
   for (auto &c : g.c) c.resize(size_t(g.w) * g.h);
   for (int r = 0; r < g.h; ++r) {
     for (int x = 0; x < g.w; ++x) {
       const int sx = half ? 2 * x : x, sr = half ? 2 * r : r;
       const int x1 = std::min(sx + 1, p.w - 1), r1 = std::min(sr + 1, p.h - 1);
-      int s[3];
+      int s[3] = {p.Y(sx, sr), p.U(sx, sr), p.V(sx, sr)};
       if (format == HSEG_PIXFMT_BGR24) {
         for (int k = 0; k < 3; ++k) s[k] = p.bgr[3 * (size_t(sr) * p.w + sx) + k];
-      } else {
-        s[0] = p.Y(sx, sr);
-        if (half && format == HSEG_PIXFMT_YUY2) {  // rows averaged down, then columns rounded
-          s[0] = ((p.Y(sx, sr) + p.Y(sx, r1)) / 2 + (p.Y(x1, sr) + p.Y(x1, r1)) / 2 + 1) / 2;
-        } else if (half) {
-          s[0] = (p.Y(sx, sr) + p.Y(x1, sr) + p.Y(sx, r1) + p.Y(x1, r1)) / 4;
-        }
-        s[1] = p.U(sx, sr);
-        s[2] = p.V(sx, sr);
+      } else if (half && format == HSEG_PIXFMT_YUY2) {  // rows averaged down, columns rounded
+        s[0] = ((p.Y(sx, sr) + p.Y(sx, r1)) / 2 + (p.Y(x1, sr) + p.Y(x1, r1)) / 2 + 1) / 2;
+      } else if (half) {
+        s[0] = (p.Y(sx, sr) + p.Y(x1, sr) + p.Y(sx, r1) + p.Y(x1, r1)) / 4;
       }
       for (int k = 0; k < 3; ++k) g.c[k][size_t(r) * g.w + x] = s[k];
     }
@@ -174,8 +66,7 @@ std::vector<std::pair<int64_t, int64_t>> plan_rows(int64_t step, int visits, int
                                                    bool close_last) {
   std::vector<std::pair<int64_t, int64_t>> rows;
   const int64_t total = int64_t{visits} * 1024;
-  int64_t lo = 0;
-  for (int dy = 0; dy < dh; ++dy, lo += step) {
+  for (int64_t dy = 0, lo = 0; dy < dh; ++dy, lo += step) {
     if (lo + step <= total) {
       rows.push_back({lo, lo + step});
     } else {
@@ -211,177 +102,114 @@ std::vector<double> reference(const Grid &g, int dw, int dh, double sx, double s
 
 // Every output pixel within 1 of the reference: for YUV, the conversion of
 // some Y, U, V each within 1 of the reference means.
-void expect_near_reference(const Target &t, const std::vector<double> &ref, bool yuv) {
-  const int dw = t.d.width;
-  for (int dy = 0; dy < t.d.height; ++dy) {
-    for (int dx = 0; dx < dw; ++dx) {
-      const double *m = &ref[3 * (size_t(dy) * dw + dx)];
-      const uint8_t *o = t.px(dx, dy);
-      bool ok = true;
-      if (!yuv) {
-        for (int k = 0; k < 3; ++k) ok = ok && std::fabs(o[k] - std::min(m[k], 255.0)) <= 1.0;
-      } else {
-        ok = false;
-        for (int a = int(std::ceil(m[0] - 1)); a <= int(m[0] + 1) && !ok; ++a)
-          for (int b = int(std::ceil(m[1] - 1)); b <= int(m[1] + 1) && !ok; ++b)
-            for (int c = int(std::ceil(m[2] - 1)); c <= int(m[2] + 1) && !ok; ++c) {
-              int e[3];
-              convert(a, b, c, e);
-              ok = e[0] == o[0] && e[1] == o[1] && e[2] == o[2];
-            }
-      }
-      ASSERT_TRUE(ok) << "pixel " << dx << "," << dy << " is " << int(o[0]) << "," << int(o[1])
-                      << "," << int(o[2]) << ", means " << m[0] << "," << m[1] << "," << m[2];
-    }
+void expect_near_reference(const Raster &t, const std::vector<double> &ref, bool yuv) {
+  for (int i = 0; i < t.w * t.h; ++i) {
+    const double *m = &ref[3 * size_t(i)];
+    const uint8_t *o = t.row(i / t.w) + 3 * (i % t.w);
+    bool ok = !yuv;
+    for (int k = 0; k < 3 && !yuv; ++k) ok = ok && std::fabs(o[k] - std::min(m[k], 255.0)) <= 1;
+    for (int a = int(std::ceil(m[0] - 1)); yuv && a <= int(m[0] + 1) && !ok; ++a)
+      for (int b = int(std::ceil(m[1] - 1)); b <= int(m[1] + 1) && !ok; ++b)
+        for (int c = int(std::ceil(m[2] - 1)); c <= int(m[2] + 1) && !ok; ++c) {
+          int e[3];
+          yuv_to_bgr_ref(a, b, c, e);
+          ok = e[0] == o[0] && e[1] == o[1] && e[2] == o[2];
+        }
+    ASSERT_TRUE(ok) << "pixel " << i % t.w << "," << i / t.w << " is " << int(o[0]) << ","
+                    << int(o[1]) << "," << int(o[2]) << ", means " << m[0] << "," << m[1] << ","
+                    << m[2];
   }
 }
 
-// Checks a full-resolution (`half` false) or half-sampled resize of `p`.
-void check_against_reference(const Picture &p, uint32_t format, int dw, int dh, bool half,
-                             int pad) {
-  SCOPED_TRACE(testing::Message() << std::hex << "format 0x" << format << std::dec << " " << p.w
-                                  << "x" << p.h << " -> " << dw << "x" << dh << " pad " << pad
-                                  << (half ? " SP" : ""));
-  Source s = describe(p, format, pad);
-  Target t(dw, dh, pad);
-  ASSERT_EQ((half ? LumResizeToBGR_SP : LumResizeToBGR)(nullptr, &s.d, &t.d), HSEG_OK);
+// Checks a full-resolution (`half` false) or half-sampled resize of `p` and
+// returns its pixels.
+std::vector<uint8_t> check_against_reference(const Picture &p, uint32_t format, int dw, int dh,
+                                             bool half, int pad) {
+  SCOPED_TRACE(testing::Message() << "format " << format << " " << p.w << "x" << p.h << " -> "
+                                  << dw << "x" << dh << " pad " << pad << (half ? " SP" : ""));
+  const Raster t = run(half ? LumResizeToBGR_SP : LumResizeToBGR, describe(p, format, pad), dw,
+                       dh, pad);
   EXPECT_TRUE(t.padding_untouched());
-  const Grid g = grid_of(p, format, half);
-  const double f = half ? 0.5 : 1.0;
   const int64_t full = (int64_t{p.h} * 2048 / dh + 1) >> 1;
-  const int64_t step = !half ? full
+  const int64_t step = !half                        ? full
                        : format == HSEG_PIXFMT_BGR24 ? full / 2
                                                      : (int64_t{p.h} * 2048 / dh + 3) >> 2;
-  const bool close_last = !half || format == HSEG_PIXFMT_YUY2 ||
-                          (format == HSEG_PIXFMT_BGR24) == (p.h % 2 == 1);
+  const bool close_last =
+      !half || format == HSEG_PIXFMT_YUY2 || (format == HSEG_PIXFMT_BGR24) == (p.h % 2 == 1);
+  const double f = half ? 0.5 : 1.0;
   expect_near_reference(
-      t, reference(g, dw, dh, f * p.w / dw, f * p.h / dh, step, close_last),
+      t, reference(grid_of(p, format, half), dw, dh, f * p.w / dw, f * p.h / dh, step, close_last),
       format != HSEG_PIXFMT_BGR24);
+  return t.packed();
 }
 
-TEST(AreaResize, MatchesDoubleAreaReferenceOnRandomPictures) {
+// Random pictures, sizes, ratios and pitches, odd sizes included on the half
+// grid. At full resolution the three YUV layouts of one picture carry the
+// same samples and must agree exactly.
+TEST(AreaResize, MatchesDoubleAreaReferenceAndYuvLayoutsAgree) {
   std::mt19937 rng(20240611);
-  for (int trial = 0; trial < 60; ++trial) {
-    const int w = 1 + int(rng() % 90), h = 1 + int(rng() % 90);
-    const int dw = std::max(1, w / 6) + int(rng() % (w - std::max(1, w / 6) + 1));
-    const int dh = std::max(1, h / 6) + int(rng() % (h - std::max(1, h / 6) + 1));
-    const Picture p = random_picture(rng, w, h);
-    for (uint32_t f : kFormats) check_against_reference(p, f, dw, dh, false, int(rng() % 5));
-  }
-}
-
-TEST(AreaResizeSp, MatchesHalfGridReferenceOnRandomPictures) {
-  std::mt19937 rng(7);
-  for (int trial = 0; trial < 60; ++trial) {
-    const int w = 2 + int(rng() % 90), h = 2 + int(rng() % 90);  // odd sizes included
-    const int dw = std::max(1, w / 12) + int(rng() % (w / 2 - std::max(1, w / 12) + 1));
-    const int dh = std::max(1, h / 12) + int(rng() % (h / 2 - std::max(1, h / 12) + 1));
-    const Picture p = random_picture(rng, w, h);
-    for (uint32_t f : kFormats) check_against_reference(p, f, dw, dh, true, int(rng() % 5));
+  auto pick = [&](int n) {  // a destination side between n / 6 and n
+    const int lo = std::max(1, n / 6);
+    return lo + int(rng() % (n - lo + 1));
+  };
+  for (const bool half : {false, true}) {
+    for (int trial = 0; trial < 60; ++trial) {
+      const int w = 1 + half + int(rng() % 90), h = 1 + half + int(rng() % 90);
+      const int dw = pick(half ? w / 2 : w), dh = pick(half ? h / 2 : h);
+      const Picture p = random_picture(rng, w, h);
+      std::vector<uint8_t> out[4];
+      for (int i = 0; i < 4; ++i)
+        out[i] = check_against_reference(p, kFormats[i], dw, dh, half, int(rng() % 5));
+      EXPECT_TRUE(half || (out[1] == out[2] && out[2] == out[3])) << w << "x" << h;
+    }
   }
 }
 
 // The walk's last rows: closed by the last source row (1000 -> 473, step
 // 2165 overshoots by 45/1024), copied where the rounded step leaves the last
 // row unclosed (56 -> 55, 500 -> 473), never written past (2053 -> 2052),
-// and at the half grid's forced-close rules for both parities.
-TEST(AreaResize, ClosesOrCopiesTheLastRowsAndStopsAtTheEnd) {
+// and at the half grid's forced-close rules for both parities. At 100:1 the
+// rounded 14-bit weights add up to more than 1: white must stay white.
+TEST(AreaResize, ClosesOrCopiesTheLastRowsStopsAtTheEndAndSaturates) {
   std::mt19937 rng(3);
-  const struct { int h, dh; bool half; } cases[] = {
-      {1000, 473, false}, {56, 55, false}, {500, 473, false}, {537, 473, false},
-      {2053, 2052, false}, {200, 97, true}, {201, 97, true}, {1000, 473, true}};
+  const struct { int w, h, dw, dh; bool half, white; } cases[] = {
+      {9, 1000, 4, 473, false, false}, {9, 56, 4, 55, false, false},
+      {9, 500, 4, 473, false, false},  {9, 537, 4, 473, false, false},
+      {9, 2053, 4, 2052, false, false}, {9, 200, 4, 97, true, false},
+      {9, 201, 4, 97, true, false},    {9, 1000, 4, 473, true, false},
+      {1000, 1000, 10, 10, false, true}, {1000, 1000, 10, 10, true, true}};
   for (const auto &c : cases) {
-    const Picture p = random_picture(rng, 9, c.h);
-    for (uint32_t f : kFormats) check_against_reference(p, f, 4, c.dh, c.half, 1);
+    Picture p = random_picture(rng, c.w, c.h, c.white ? 255 : 0, 255);
+    if (c.white) p.u.assign(p.u.size(), 128), p.v.assign(p.v.size(), 128);
+    for (uint32_t f : kFormats) check_against_reference(p, f, c.dw, c.dh, c.half, 1);
   }
 }
 
-TEST(AreaResize, EqualSizeIsTheIdentityOrThePerPixelConversion) {
+// Exact results: at equal size BGR is the identity and YUV the per-pixel
+// conversion; 2w x 2h to w x h on the half grid is each layout's per-block
+// sample; halving BGR at full resolution rounds the 2x2 mean half up.
+TEST(AreaResize, EqualSizeAndHalvingGiveExactValues) {
   std::mt19937 rng(11);
   for (const auto &[w, h] : {std::pair{1, 1}, {2, 2}, {7, 5}, {16, 9}, {33, 20}}) {
-    const Picture p = random_picture(rng, w, h);
     for (uint32_t f : kFormats) {
-      SCOPED_TRACE(testing::Message() << w << "x" << h << " format " << f);
-      Source s = describe(p, f, 3);
-      Target t(w, h, 2);
-      ASSERT_EQ(LumResizeToBGR(nullptr, &s.d, &t.d), HSEG_OK);
-      for (int r = 0; r < h; ++r) {
-        for (int x = 0; x < w; ++x) {
-          int e[3];
-          if (f == HSEG_PIXFMT_BGR24) {
-            for (int k = 0; k < 3; ++k) e[k] = p.bgr[3 * (r * w + x) + k];
-          } else {
-            convert(p.Y(x, r), p.U(x, r), p.V(x, r), e);
-          }
-          const uint8_t *o = t.px(x, r);
-          ASSERT_TRUE(o[0] == e[0] && o[1] == e[1] && o[2] == e[2]) << "pixel " << x << "," << r;
+      for (const bool half : {false, true}) {
+        const Picture p = random_picture(rng, half ? 2 * w : w, half ? 2 * h : h);
+        const Raster t = run(half ? LumResizeToBGR_SP : LumResizeToBGR, describe(p, f, 3), w, h, 2);
+        const Grid g = grid_of(p, f, half);
+        for (int i = 0; i < w * h; ++i) {
+          int e[3] = {int(g.c[0][i]), int(g.c[1][i]), int(g.c[2][i])};
+          if (f != HSEG_PIXFMT_BGR24) yuv_to_bgr_ref(e[0], e[1], e[2], e);
+          for (int k = 0; k < 3; ++k)
+            ASSERT_EQ(t.at(i % w, i / w, k), e[k]) << w << "x" << h << " " << f << " " << half;
         }
       }
     }
-  }
-}
-
-// Exact block means: halving at full resolution rounds the 2x2 mean half up;
-// halving on the half grid is the plain per-block sample of each layout.
-TEST(AreaResize, HalvingGivesExactBlockValues) {
-  std::mt19937 rng(5);
-  for (const auto &[w, h] : {std::pair{2, 2}, {10, 6}, {64, 38}}) {
-    const Picture p = random_picture(rng, w, h);
-    Source s = describe(p, HSEG_PIXFMT_BGR24, 1);
-    Target t(w / 2, h / 2);
-    ASSERT_EQ(LumResizeToBGR(nullptr, &s.d, &t.d), HSEG_OK);
-    for (int r = 0; r < h / 2; ++r)
-      for (int x = 0; x < w / 2; ++x)
-        for (int k = 0; k < 3; ++k) {
-          auto at = [&](int dx, int dr) { return p.bgr[3 * ((2 * r + dr) * w + 2 * x + dx) + k]; };
-          ASSERT_EQ(t.px(x, r)[k], (at(0, 0) + at(1, 0) + at(0, 1) + at(1, 1) + 2) / 4);
-        }
-    for (uint32_t f : kFormats) {  // 2w x 2h -> w x h on the half grid is 1:1
-      const Picture q = random_picture(rng, 2 * w, 2 * h);
-      Source sq = describe(q, f, 0);
-      Target tq(w, h);
-      ASSERT_EQ(LumResizeToBGR_SP(nullptr, &sq.d, &tq.d), HSEG_OK);
-      const Grid g = grid_of(q, f, true);
-      for (int i = 0; i < w * h; ++i) {
-        int e[3] = {int(g.c[0][i]), int(g.c[1][i]), int(g.c[2][i])};
-        if (f != HSEG_PIXFMT_BGR24) convert(e[0], e[1], e[2], e);
-        for (int k = 0; k < 3; ++k) ASSERT_EQ(tq.buf[3 * i + k], e[k]) << "format " << f;
-      }
-    }
-  }
-}
-
-TEST(AreaResize, YuvLayoutsOfOnePictureAgree) {
-  std::mt19937 rng(13);
-  for (int trial = 0; trial < 20; ++trial) {
-    const int w = 1 + int(rng() % 70), h = 1 + int(rng() % 70);
-    const int dw = 1 + int(rng() % w), dh = 1 + int(rng() % h);
-    const Picture p = random_picture(rng, w, h);
-    std::vector<uint8_t> first;
-    for (uint32_t f : kYuvFormats) {
-      Source s = describe(p, f, int(rng() % 4));
-      Target t(dw, dh);
-      ASSERT_EQ(LumResizeToBGR(nullptr, &s.d, &t.d), HSEG_OK);
-      if (first.empty()) first = t.buf;
-      ASSERT_EQ(t.buf, first) << "format " << f << ", " << w << "x" << h << " -> " << dw << "x"
-                              << dh;
-    }
-  }
-}
-
-// Rounded 14-bit weights add up to more than 1 at 100:1; white stays white.
-TEST(AreaResize, SaturatesAveragesAboveWhite) {
-  std::mt19937 rng(1);
-  Picture p = random_picture(rng, 1000, 1000, 255, 255);
-  std::fill(p.u.begin(), p.u.end(), 128);
-  std::fill(p.v.begin(), p.v.end(), 128);
-  for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
-    for (uint32_t f : kFormats) {
-      Source s = describe(p, f, 0);
-      Target t(10, 10);
-      ASSERT_EQ(resize(nullptr, &s.d, &t.d), HSEG_OK);
-      EXPECT_TRUE(std::all_of(t.buf.begin(), t.buf.end(), [](uint8_t b) { return b == 255; }))
-          << "format " << f;
+    const Picture p = random_picture(rng, 2 * w, 2 * h);
+    const Raster t = run(LumResizeToBGR, describe(p, HSEG_PIXFMT_BGR24, 1), w, h);
+    for (int i = 0; i < 3 * w * h; ++i) {
+      const int x = i / 3 % w, r = i / (3 * w), k = i % 3;
+      auto at = [&](int dx, int dr) { return p.bgr[3 * ((2 * r + dr) * 2 * w + 2 * x + dx) + k]; };
+      ASSERT_EQ(t.at(x, r, k), (at(0, 0) + at(1, 0) + at(0, 1) + at(1, 1) + 2) / 4);
     }
   }
 }
@@ -390,85 +218,69 @@ TEST(AreaResize, SaturatesAveragesAboveWhite) {
 TEST(AreaResize, RefusesBadArgumentsAndEnlargementWithoutWorking) {
   std::mt19937 rng(17);
   const Picture p = random_picture(rng, 8, 6);
-  struct Pair {
-    OffscreenImage &s, &d;
-  };
-  const struct {
-    const char *what;
-    void (*spoil)(Pair);
-    MRESULT status;
-  } cases[] = {
-      {"grey source", [](Pair a) { a.s.format = HSEG_PIXFMT_GRAY; }, 3},
-      {"NV12 source", [](Pair a) { a.s.format = HSEG_PIXFMT_NV12; }, 3},
-      {"source width 0", [](Pair a) { a.s.width = 0; }, 2},
-      {"source height -1", [](Pair a) { a.s.height = -1; }, 2},
-      {"destination height 0", [](Pair a) { a.d.height = 0; }, 2},
-      {"null source plane", [](Pair a) { a.s.planes[0] = nullptr; }, 2},
-      {"null destination", [](Pair a) { a.d.planes[0] = nullptr; }, 2},
-      {"short source pitch", [](Pair a) { a.s.pitches[0] -= 5; }, 2},
-      {"negative pitch", [](Pair a) { a.s.pitches[0] = -100; }, 2},
-      {"short destination pitch", [](Pair a) { a.d.pitches[0] = 3 * a.d.width - 1; }, 2},
-      {"wider destination", [](Pair a) { a.d.pitches[0] = 3 * (a.d.width = a.s.width + 1); }, 0},
-      {"taller destination", [](Pair a) { a.d.height = a.s.height + 1; }, 0},
-      {"work block past int32", [](Pair a) {
-         a.s.width = a.d.width = 1 << 29;  // (3 * 2^29 + 4) * 16 bytes
-         a.s.pitches[0] = a.s.pitches[1] = a.d.pitches[0] = 0x7FFFFFFF;
-       }, 2},
-  };
+  using Spoil = void (*)(OffscreenImage &s, OffscreenImage &d);
+  const struct { const char *what; Spoil spoil; MRESULT status; } cases[] = {
+      {"grey source", [](auto &s, auto &) { s.format = HSEG_PIXFMT_GRAY; }, 3},
+      {"NV12 source", [](auto &s, auto &) { s.format = HSEG_PIXFMT_NV12; }, 3},
+      {"source width 0", [](auto &s, auto &) { s.width = 0; }, 2},
+      {"source height -1", [](auto &s, auto &) { s.height = -1; }, 2},
+      {"destination height 0", [](auto &, auto &d) { d.height = 0; }, 2},
+      {"null source plane", [](auto &s, auto &) { s.planes[0] = nullptr; }, 2},
+      {"null destination", [](auto &, auto &d) { d.planes[0] = nullptr; }, 2},
+      {"short source pitch", [](auto &s, auto &) { s.pitches[0] -= 5; }, 2},
+      {"negative pitch", [](auto &s, auto &) { s.pitches[0] = -100; }, 2},
+      {"short destination pitch", [](auto &, auto &d) { d.pitches[0] = 3 * d.width - 1; }, 2},
+      {"wider destination",
+       [](auto &s, auto &d) { d.width = s.width + 1, d.pitches[0] = 3 * d.width; }, 0},
+      {"taller destination", [](auto &s, auto &d) { d.height = s.height + 1; }, 0},
+      {"work block past int32", [](auto &s, auto &d) {  // (3 * 2^29 + 4) * 16 bytes
+         s.width = d.width = 1 << 29;
+         s.pitches[0] = s.pitches[1] = d.pitches[0] = 0x7FFFFFFF;
+       }, 2}};
   for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
     for (uint32_t f : kFormats) {
       for (const auto &c : cases) {
-        Source s = describe(p, f, 2);
-        Target t(4, 6, 3);
-        c.spoil(Pair{s.d, t.d});
-        hseg_test::alloc_reset();
-        EXPECT_EQ(resize(nullptr, &s.d, &t.d), c.status) << c.what << ", format " << f;
-        EXPECT_EQ(hseg_test::alloc_calls(), 0) << c.what;
-        EXPECT_TRUE(t.untouched()) << c.what;
+        Frame s = describe(p, f, 2);
+        Raster t(4, 6, 3, 3);
+        OffscreenImage d = t.bgr();
+        c.spoil(s.d, d);
+        alloc_reset();
+        EXPECT_EQ(resize(nullptr, &s.d, &d), c.status) << c.what << ", format " << f;
+        EXPECT_TRUE(alloc_calls() == 0 && t.untouched()) << c.what;
       }
-      Source s = describe(p, f, 0);
-      Target t(4, 3);
-      EXPECT_EQ(resize(nullptr, nullptr, &t.d), HSEG_ERR_BAD_ARGUMENT);
+      const Frame s = describe(p, f, 0);
+      Raster t(4, 3, 3);
+      const OffscreenImage d = t.bgr();
+      EXPECT_EQ(resize(nullptr, nullptr, &d), HSEG_ERR_BAD_ARGUMENT);
       EXPECT_EQ(resize(nullptr, &s.d, nullptr), HSEG_ERR_BAD_ARGUMENT);
     }
   }
 }
 
-TEST(AreaResize, FailedAllocationLeavesNothingBehind) {
+// Failures past the argument checks write nothing and leak nothing: a
+// failed allocation (status 4), and a column table that would overrun
+// (single-precision column positions drift on very wide sources).
+TEST(AreaResize, FailuresLeaveNothingBehind) {
   std::mt19937 rng(19);
-  const Picture p = random_picture(rng, 30, 20);
+  const Picture p = random_picture(rng, 30, 20), wide = random_picture(rng, 32768, 1);
+  const int64_t live = alloc_live();
   for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
     for (uint32_t f : kFormats) {
-      Source s = describe(p, f, 1);
-      const int64_t live = hseg_test::alloc_live();
-      const int64_t n = hseg_test::for_each_alloc_failure([&](int64_t failing) {
-        Target t(11, 7, 2);
-        const MRESULT st = resize(nullptr, &s.d, &t.d);
-        EXPECT_EQ(st, failing ? HSEG_ERR_NO_MEMORY : HSEG_OK);
-        if (failing) {
-          EXPECT_TRUE(t.untouched());
-        }
-        EXPECT_EQ(hseg_test::alloc_live(), live);
+      const Frame s = describe(p, f, 1);
+      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+        Raster t(11, 7, 3, 2);
+        const OffscreenImage d = t.bgr();
+        EXPECT_EQ(resize(nullptr, &s.d, &d), failing ? HSEG_ERR_NO_MEMORY : HSEG_OK);
+        EXPECT_TRUE(!failing || t.untouched());
+        EXPECT_EQ(alloc_live(), live);
       });
       EXPECT_EQ(n, 1);
     }
-  }
-}
-
-}  // namespace
-
-// Single-precision column positions drift on very wide sources: the table
-// refuses the geometry before anything is written, and frees its block.
-TEST(AreaResize, RefusesAColumnTableThatWouldOverrun) {
-  std::mt19937 rng(23);
-  const Picture p = random_picture(rng, 32768, 1);
-  for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
-    Source s = describe(p, HSEG_PIXFMT_BGR24, 0);
-    Target t(1000, 1);  // the last footprint ends 0.004 (half grid: 0.002) past the end
-    const int64_t live = hseg_test::alloc_live();
-    EXPECT_EQ(resize(nullptr, &s.d, &t.d), HSEG_ERR_TABLE);
-    EXPECT_TRUE(t.untouched());
-    EXPECT_EQ(hseg_test::alloc_live(), live);
+    const Frame s = describe(wide, HSEG_PIXFMT_BGR24, 0);
+    Raster t(1000, 1, 3);  // the last footprint ends 0.004 (half grid: 0.002) past the end
+    const OffscreenImage d = t.bgr();
+    EXPECT_EQ(resize(nullptr, &s.d, &d), HSEG_ERR_TABLE);
+    EXPECT_TRUE(t.untouched() && alloc_live() == live);
   }
 }
 
@@ -477,14 +289,12 @@ TEST(AreaResize, RefusesAColumnTableThatWouldOverrun) {
 // of 0 returns 0 and writes nothing.
 TEST(AreaWorkers, RefuseArgumentsTheyCannotServe) {
   std::vector<uint8_t> src(3 * 8 * 4, 100);
-  std::vector<LumResizeEntry> table;
-  for (int x = 0; x < 8; ++x) table.push_back({3 * x, 3 * (x / 2), 4096});  // 1/4
   std::vector<uint64_t> row(3 * 4), carry(3 * 4);
   struct Args {
-    const uint8_t *src = nullptr;
-    int32_t src_pitch = 24, sw = 8, sh = 4, dst_pitch = 12, dw = 4, dh = 2, sstep = 3, dstep = 3;
+    const uint8_t *src;
+    uint64_t *row;
     std::vector<LumResizeEntry> t;
-    uint64_t *row = nullptr;
+    int32_t src_pitch = 24, sh = 4, dh = 2, sstep = 3, dstep = 3;
   };
   const struct { const char *what; void (*spoil)(Args &); MRESULT status; } cases[] = {
       {"valid", [](Args &) {}, HSEG_OK},
@@ -496,55 +306,53 @@ TEST(AreaWorkers, RefuseArgumentsTheyCannotServe) {
       {"destination step 4", [](Args &a) { a.dstep = 4; }, 2},
       {"entry past the row", [](Args &a) { a.t.back().src_offset = 22; }, 2},
       {"entry past the destination", [](Args &a) { a.t.back().dst_offset = 10; }, 2},
-      {"null accumulator", [](Args &a) { a.row = nullptr; }, 2},
-  };
+      {"null accumulator", [](Args &a) { a.row = nullptr; }, 2}};
   for (const auto &c : cases) {
-    Args a;
-    a.src = src.data();
-    a.t = table;
-    a.row = row.data();
+    Args a{src.data(), row.data(), {}};
+    for (int x = 0; x < 8; ++x) a.t.push_back({3 * x, 3 * (x / 2), 4096});  // 1/4 each
     c.spoil(a);
     std::vector<uint8_t> dst(24, kCanary);
-    EXPECT_EQ(lumResize_Area_BGR(a.src, a.src_pitch, a.sw, a.sh, dst.data(), a.dst_pitch, a.dw,
-                                 a.dh, a.sstep, a.dstep, a.t.data(), int32_t(a.t.size()), a.row,
-                                 carry.data()),
-              c.status)
+    EXPECT_EQ(lumResize_Area_BGR(a.src, a.src_pitch, 8, a.sh, dst.data(), 12, 4, a.dh, a.sstep,
+                                 a.dstep, a.t.data(), int32_t(a.t.size()), a.row, carry.data()),
+              c.status) << c.what;
+    EXPECT_EQ(std::count(dst.begin(), dst.end(), 100) == 24, c.status == HSEG_OK && a.sh > 0)
         << c.what;
-    const bool written = std::count(dst.begin(), dst.end(), 100) == 24;
-    EXPECT_EQ(written, c.status == HSEG_OK && a.sh > 0) << c.what;
   }
 }
 
-// The sampling NV21 variant at 2:1 takes the top-left luma of each block
-// with the block's chroma pair; its last visit is never written out, so the
-// last row repeats the one above. At 1:1 a row is written at the start of
-// the visit after it (row 0 before any sample) and every second column gets
-// no sample: those pixels are black.
+// The sampling NV21 variant visits every second source row and takes every
+// second table entry: at 2:1 across that is the top-left pixel of each
+// block, at 1:1 every second column gets no sample and is black. A row is
+// written out at the start of the visit that passes its end, and at the
+// start of the last visit, whose samples are never written: 8 -> 4 holds
+// the visits of rows 0, 2, 4 (and a copy), 8 -> 8 none (black), then 0, 2, 4
+// (and copies), 10 -> 3 the rounded mean of 0 and 2, then 4 and 6.
 TEST(AreaWorkers, FastNv21SamplesEverySecondRowAndEntry) {
   std::mt19937 rng(29);
-  const int w = 12, h = 8;
-  const Picture p = random_picture(rng, w, h);
-  Source s = describe(p, HSEG_PIXFMT_NV21, 1);
+  const int w = 12;
+  const struct { int h, dh, scale; std::vector<std::vector<int>> rows; } cases[] = {
+      {8, 4, 2, {{0}, {2}, {4}, {4}}},
+      {8, 8, 1, {{}, {0}, {2}, {4}, {4}, {4}, {4}, {4}}},
+      {10, 3, 2, {{0, 2}, {4}, {6}}}};
   std::vector<uint32_t> counts(3 * w), sums(3 * w);
-  for (const int scale : {2, 1}) {
+  for (const auto &c : cases) {
+    const Picture p = random_picture(rng, w, c.h);
+    const Frame s = describe(p, HSEG_PIXFMT_NV21, 1);
     std::vector<LumResizeEntry> table;
-    for (int x = 0; x < w; ++x) table.push_back({x, 3 * (x / scale), 16384u / scale});
-    Target t(w / scale, h / scale);
+    for (int x = 0; x < w; ++x) table.push_back({x, 3 * (x / c.scale), 16384u / c.scale});
+    Raster t(w / c.scale, c.dh, 3, 0);
     ASSERT_EQ(lumResize_Area_YUV420LPtoBGR_Fast(
-                  s.d.planes[0], s.d.planes[1], s.d.pitches[0], s.d.pitches[1], w, h, t.d.planes[0],
-                  t.d.pitches[0], t.d.width, t.d.height, 1, 3, table.data(), int32_t(table.size()),
-                  counts.data(), sums.data()),
-              HSEG_OK);
-    for (int r = 0; r < t.d.height; ++r) {
-      for (int x = 0; x < t.d.width; ++x) {
-        const int sx = x * scale;
-        const int sr = scale == 2 ? 2 * std::min(r, t.d.height - 2) : 2 * (std::min(r, 3) - 1);
-        int e[3] = {0, 0, 0};
-        if (sr >= 0 && sx % 2 == 0) convert(p.Y(sx, sr), p.U(sx, sr), p.V(sx, sr), e);
-        const uint8_t *o = t.px(x, r);
-        ASSERT_TRUE(o[0] == e[0] && o[1] == e[1] && o[2] == e[2])
-            << "scale " << scale << " pixel " << x << "," << r;
-      }
+                  s.d.planes[0], s.d.planes[1], s.d.pitches[0], s.d.pitches[1], w, c.h,
+                  t.px.data(), t.pitch, t.w, t.h, 1, 3, table.data(), int32_t(table.size()),
+                  counts.data(), sums.data()), HSEG_OK);
+    for (int i = 0; i < t.w * t.h; ++i) {
+      const int sx = i % t.w * c.scale, n = int(c.rows[i / t.w].size());
+      int e[3] = {0, 0, 0}, sum[3] = {0, 0, 0};
+      for (int sr : c.rows[i / t.w])
+        sum[0] += p.Y(sx, sr), sum[1] += p.U(sx, sr), sum[2] += p.V(sx, sr);
+      if (n > 0 && sx % 2 == 0)
+        yuv_to_bgr_ref((sum[0] + n / 2) / n, (sum[1] + n / 2) / n, (sum[2] + n / 2) / n, e);
+      for (int k = 0; k < 3; ++k) ASSERT_EQ(t.at(i % t.w, i / t.w, k), e[k]) << c.h << " " << i;
     }
   }
 }
@@ -561,13 +369,10 @@ TEST(AreaWorkers, FastNv21SamplesEverySecondRowAndEntry) {
 //   y4: closes the last row: (1512342 + 2428010) / 16384 = 240.5 -> 241.
 // Truncating the carried share instead would give 240.
 TEST(AreaResize, WorkedExampleRoundsLikeTheFormulas) {
-  const uint8_t column[5] = {14, 107, 216, 231, 247};
   Picture p{1, 5, {}, {}, {}, {}};
-  for (uint8_t c : column) p.bgr.resize(p.bgr.size() + 3, c);
-  Source s = describe(p, HSEG_PIXFMT_BGR24, 0);
-  Target t(1, 3);
-  ASSERT_EQ(LumResizeToBGR(nullptr, &s.d, &t.d), HSEG_OK);
-  EXPECT_EQ(t.buf, std::vector<uint8_t>({51, 51, 51, 197, 197, 197, 241, 241, 241}));
+  for (uint8_t c : {14, 107, 216, 231, 247}) p.bgr.resize(p.bgr.size() + 3, c);
+  EXPECT_EQ(run(LumResizeToBGR, describe(p, HSEG_PIXFMT_BGR24, 0), 1, 3).px,
+            std::vector<uint8_t>({51, 51, 51, 197, 197, 197, 241, 241, 241}));
 }
 
 // The fused walk (runs summed in locals, visits added straight to the carry)
@@ -581,21 +386,17 @@ TEST(AreaResize, FusedWalkEqualsPlainWalk) {
       {LumResizeToBGR_SP, hseg::area::resize_to_bgr_sp_plain}};
   for (int trial = 0; trial < 40; ++trial) {
     const int w = 1 + int(rng() % 150), h = 1 + int(rng() % 150);
-    const int dw = 1 + int(rng() % w), dh = 1 + int(rng() % h);
+    const int dw = 1 + int(rng() % w), dh = 1 + int(rng() % h), pad = int(rng() % 5);
     const Picture p = random_picture(rng, w, h);
     for (uint32_t f : kFormats) {
-      const Source s = describe(p, f, int(rng() % 7));
-      const int pad = int(rng() % 5);
-      for (const auto &walk : walks) {
-        Target a(dw, dh, pad, 0x00), b(dw, dh, pad, 0xFF);
-        ASSERT_EQ(walk.fused(nullptr, &s.d, &a.d), HSEG_OK);
-        ASSERT_EQ(walk.plain(nullptr, &s.d, &b.d), HSEG_OK);
-        for (int r = 0; r < dh; ++r) {
-          ASSERT_EQ(0, std::memcmp(a.px(0, r), b.px(0, r), 3 * size_t(dw)))
-              << "row " << r << ", format " << f << ", " << w << "x" << h << " -> " << dw << "x"
-              << dh << (walk.fused == LumResizeToBGR_SP ? " SP" : "");
-        }
-      }
+      const Frame s = describe(p, f, int(rng() % 7));
+      for (const auto &walk : walks)
+        ASSERT_EQ(run(walk.fused, s, dw, dh, pad, 0x00).packed(),
+                  run(walk.plain, s, dw, dh, pad, 0xFF).packed())
+            << "format " << f << ", " << w << "x" << h << " -> " << dw << "x" << dh
+            << (walk.fused == LumResizeToBGR_SP ? " SP" : "");
     }
   }
 }
+
+}  // namespace

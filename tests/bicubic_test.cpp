@@ -1,38 +1,15 @@
 // Bicubic resizer: kernel table, mapping, row engine, cache, checks.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
-#include <cmath>
-#include <cstdint>
-#include <random>
-#include <vector>
 
-#include "hseg/resize.h"
 #include "support/alloc_hooks.h"
+#include "support/resize_images.h"
 
 namespace {
 
-constexpr uint8_t kCanary = 0xA5;
+using namespace hseg_test;
 constexpr MRESULT kBad = HSEG_ERR_BAD_ARGUMENT;
-
-struct Plane {
-  int32_t w, h, pitch;
-  std::vector<uint8_t> px;
-  Plane(int32_t w_, int32_t h_, uint8_t fill = kCanary)
-      : w(w_), h(h_), pitch(w_ + 3), px(size_t{1} * (w_ + 3) * h_, fill) {}
-  uint8_t &at(int32_t x, int32_t y) { return px[size_t{1} * y * pitch + x]; }
-  bool untouched() const {
-    return std::all_of(px.begin(), px.end(), [](uint8_t b) { return b == kCanary; });
-  }
-};
-
-Plane random_plane(int32_t w, int32_t h, uint32_t seed) {
-  std::mt19937 rng(seed);
-  Plane p(w, h);
-  for (auto &b : p.px) b = static_cast<uint8_t>(rng());
-  return p;
-}
 
 // A cache freed with the test's allocator when it goes out of scope.
 struct Cache {
@@ -43,7 +20,7 @@ struct Cache {
   }
 };
 
-MRESULT resize(const Plane &src, Plane *dst, CubicCache *cache) {
+MRESULT resize(const Raster &src, Raster *dst, CubicCache *cache) {
   return ImageResize_Cubic_C1(nullptr, src.px.data(), src.w, src.h, src.pitch, dst->px.data(),
                               dst->w, dst->h, dst->pitch, cache);
 }
@@ -61,9 +38,9 @@ TEST(CubicKernel, TableHoldsTheRoundedKernel) {
     ASSERT_EQ(tab[2 * i], weight(i / 1024.0)) << "near " << i;
     ASSERT_EQ(tab[2 * i + 1], weight(1 + i / 1024.0)) << "far " << i;
   }
-  // Fraction 0 takes the sample itself, nothing from distances 1 and 2.
-  EXPECT_TRUE(tab[0] == 1024 && tab[1] == 0 && tab[2048] == 0 && tab[2049] == 0);
-  EXPECT_EQ(tab[1025], -63);  // -0.0625 at distance 1.5: -64 + 0.5 truncated toward zero
+  // Pair 1024 is (0, 0); -0.0625 at distance 1.5 rounds to -63 (the loop's
+  // weight(1.5)): -64 + 0.5 truncated toward zero.
+  EXPECT_TRUE(tab[2048] == 0 && tab[2049] == 0);
   // The four taps of a fraction sum to 1024..1027 (the negative far weights
   // round up), which bounds the gain on flat areas.
   for (int u = 0; u <= 1024; ++u) {
@@ -73,55 +50,47 @@ TEST(CubicKernel, TableHoldsTheRoundedKernel) {
   EXPECT_EQ(InitCubicCoeffTab(nullptr), kBad);
 }
 
-// Halving lands every output pixel on a source pixel with fraction 0.
-TEST(Cubic, FractionZeroTakesTheSampleItself) {
-  Plane src = random_plane(10, 12, 1), dst(5, 6);
-  Cache cache;
-  ASSERT_EQ(resize(src, &dst, &cache.c), HSEG_OK);
-  for (int32_t y = 0; y < 6; ++y)
-    for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(dst.at(x, y), src.at(2 * x, 2 * y)) << x << "," << y;
-}
-
 TEST(Cubic, SidesBelowFiveAreRefusedUnlessSizesAreEqual) {
-  struct Case {
-    int32_t sw, sh, dw, dh;
-    MRESULT expect;
-  };
-  const Case cases[] = {{4, 10, 8, 10, kBad},  {10, 10, 4, 10, kBad}, {10, 4, 10, 8, kBad},
-                        {10, 10, 10, 4, kBad}, {5, 5, 9, 9, HSEG_OK}, {3, 2, 3, 2, HSEG_OK}};
+  std::mt19937 rng(2);
+  const struct { int32_t sw, sh, dw, dh; MRESULT expect; } cases[] = {
+      {4, 10, 8, 10, kBad}, {10, 10, 4, 10, kBad}, {10, 4, 10, 8, kBad},
+      {10, 10, 10, 4, kBad}, {5, 5, 9, 9, HSEG_OK}, {3, 2, 3, 2, HSEG_OK}};
   for (const auto &c : cases) {
-    Plane src = random_plane(c.sw, c.sh, 2), dst(c.dw, c.dh);
+    Raster src = random_raster(rng, c.sw, c.sh), dst(c.dw, c.dh);
     Cache cache;
-    hseg_test::alloc_reset();
+    alloc_reset();
     ASSERT_EQ(resize(src, &dst, &cache.c), c.expect) << c.sw << "x" << c.sh << "->" << c.dw;
-    EXPECT_TRUE(c.expect == HSEG_OK || (dst.untouched() && hseg_test::alloc_calls() == 0));
+    EXPECT_TRUE(c.expect == HSEG_OK || (dst.untouched() && alloc_calls() == 0));
     if (c.sw == c.dw && c.sh == c.dh) {  // a copy; the destination's padding untouched
       EXPECT_EQ(cache.c.work, nullptr);
-      for (int32_t y = 0; y < c.dh; ++y)
-        for (int32_t x = 0; x < dst.pitch; ++x) EXPECT_EQ(dst.at(x, y), x < c.dw ? src.at(x, y) : kCanary);
+      EXPECT_EQ(dst.packed(), src.packed());
+      EXPECT_TRUE(dst.padding_untouched());
     }
   }
 }
 
 // The first call builds the column table; later calls reuse it as it is and
 // map rows afresh. A wider destination than it was built for is refused.
+// Every output here lands on a source pixel with fraction 0, which takes the
+// sample itself.
 TEST(Cubic, CacheKeepsTheFirstColumnTable) {
+  std::mt19937 rng(3);
   Cache cache;
-  Plane first = random_plane(20, 20, 3), out(10, 10);
+  Raster first = random_raster(rng, 20, 20), out(10, 10);
   ASSERT_EQ(resize(first, &out, &cache.c), HSEG_OK);
   // 40 -> 10 across would step 4 columns; the cached table steps 2.
-  Plane second = random_plane(40, 40, 4);
-  hseg_test::alloc_reset();
+  Raster second = random_raster(rng, 40, 40);
+  alloc_reset();
   ASSERT_EQ(resize(second, &out, &cache.c), HSEG_OK);
-  EXPECT_EQ(hseg_test::alloc_calls(), 0);
-  for (int32_t y = 0; y < 10; ++y)
-    for (int32_t x = 0; x < 10; ++x) ASSERT_EQ(out.at(x, y), second.at(2 * x, 4 * y)) << x << "," << y;
+  EXPECT_EQ(alloc_calls(), 0);
+  for (int i = 0; i < 100; ++i)
+    ASSERT_EQ(out.at(i % 10, i / 10), second.at(i % 10 * 2, i / 10 * 4)) << i;
   // A narrower destination takes the first entries, clamped into its row.
-  Plane third = random_plane(7, 24, 5), narrow(6, 12);
+  Raster third = random_raster(rng, 7, 24), narrow(6, 12);
   ASSERT_EQ(resize(third, &narrow, &cache.c), HSEG_OK);
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 6; ++x) ASSERT_EQ(narrow.at(x, y), third.at(std::min(2 * x, 6), 2 * y));
-  Plane wide(11, 10);
+  for (int i = 0; i < 72; ++i)
+    ASSERT_EQ(narrow.at(i % 6, i / 6), third.at(std::min(i % 6 * 2, 6), i / 6 * 2));
+  Raster wide(11, 10);
   EXPECT_EQ(resize(second, &wide, &cache.c), kBad);
   EXPECT_TRUE(wide.untouched());
 }
@@ -130,34 +99,32 @@ TEST(Cubic, CacheKeepsTheFirstColumnTable) {
 // comes out as c, or c + 1 where 0.6% of c reaches half a level; up to 80 a
 // constant stays exact and a ramp within 1.
 TEST(Cubic, ConstantAndRamp) {
-  Plane ramp(50, 30);
-  for (int32_t y = 0; y < 30; ++y)
-    for (int32_t x = 0; x < 50; ++x) ramp.at(x, y) = static_cast<uint8_t>(x + y);
+  Raster ramp(50, 30);
+  for (int i = 0; i < 50 * 30; ++i) ramp.at(i % 50, i / 50) = uint8_t(i % 50 + i / 50);
   for (auto [dw, dh] : {std::pair{37, 23}, {200, 150}, {64, 64}}) {
-    Plane out(dw, dh);
+    Raster out(dw, dh);
     for (uint8_t c : {0, 80, 150, 255}) {
       Cache cache;
-      ASSERT_EQ(resize(Plane(64, 48, c), &out, &cache.c), HSEG_OK);
-      for (int32_t y = 0; y < dh; ++y)
-        for (int32_t x = 0; x < dw; ++x)
-          ASSERT_TRUE(out.at(x, y) >= c && out.at(x, y) <= std::min(c + (c > 80), 255)) << int{c};
+      ASSERT_EQ(resize(Raster(64, 48, 1, 3, c), &out, &cache.c), HSEG_OK);
+      for (uint8_t v : out.packed())
+        ASSERT_TRUE(v >= c && v <= std::min(c + (c > 80), 255)) << int{c};
     }
     Cache cache;
     ASSERT_EQ(resize(ramp, &out, &cache.c), HSEG_OK);
-    for (int32_t y = 0; y < dh; ++y)
-      for (int32_t x = 0; x < dw; ++x) {
-        const double ideal = std::min(x * 50.0 / dw, 49.0) + std::min(y * 30.0 / dh, 29.0);
-        ASSERT_LE(std::fabs(out.at(x, y) - ideal), 1.0) << dw << "x" << dh << " at " << x << "," << y;
-      }
+    for (int i = 0; i < dw * dh; ++i) {
+      const double ideal = std::min(i % dw * 50.0 / dw, 49.0) + std::min(i / dw * 30.0 / dh, 29.0);
+      ASSERT_LE(std::fabs(out.at(i % dw, i / dw) - ideal), 1.0) << dw << "x" << dh << " at " << i;
+    }
   }
 }
 
 // The row engine refuses an inner range that would read outside the row.
 TEST(CubicEngine, RefusesInnerColumnsThatNeedBoundTests) {
-  Plane src = random_plane(50, 30, 8), out(20, 10);
+  std::mt19937 rng(8);
+  Raster src = random_raster(rng, 50, 30), out(20, 10);
   std::vector<int32_t> k(2050), cols(40), rows(80);
   InitCubicCoeffTab(k.data());
-  for (int32_t dx = 0; dx < 20; ++dx) cols[2 * dx] = dx * 5 / 2, cols[2 * dx + 1] = dx % 2 ? 512 : 0;
+  for (int dx = 0; dx < 20; ++dx) cols[2 * dx] = dx * 5 / 2, cols[2 * dx + 1] = dx % 2 ? 512 : 0;
   cols[38] = 48;  // the last column reads up to 50, past the row
   auto run = [&](int32_t first_inner, int32_t first_border) {
     return Resize_Bicubic_8u_C1(src.px.data(), 50, 30, src.pitch, out.px.data(), 20, 10, out.pitch,
@@ -175,37 +142,33 @@ TEST(CubicEngine, RefusesInnerColumnsThatNeedBoundTests) {
 }
 
 TEST(Cubic, RejectsBadArgumentsBeforeAllocating) {
-  Plane src = random_plane(16, 16, 9), dst(8, 8);
+  std::mt19937 rng(9);
+  Raster src = random_raster(rng, 16, 16), dst(8, 8);
+  const uint8_t *s = src.px.data();
+  uint8_t *d = dst.px.data();
   Cache cache;
-  struct Case {
-    const char *what;
-    bool null_cache, null_src;
-    int32_t sw, sp, dw, dh, dp;
-  };
-  const Case cases[] = {{"null cache", true, false, 16, 19, 8, 8, 11},
-                        {"null source", false, true, 16, 19, 8, 8, 11},
-                        {"zero source width", false, false, 0, 19, 8, 8, 11},
-                        {"zero destination height", false, false, 16, 19, 8, 0, 11},
-                        {"short source pitch", false, false, 16, 15, 8, 8, 11},
-                        {"work block overflow", false, false, 16, 19, INT32_MAX / 24, 8, INT32_MAX}};
-  for (const auto &c : cases) {
-    hseg_test::alloc_reset();
-    EXPECT_EQ(ImageResize_Cubic_C1(nullptr, c.null_src ? nullptr : src.px.data(), c.sw, 16, c.sp,
-                                   dst.px.data(), c.dw, c.dh, c.dp, c.null_cache ? nullptr : &cache.c),
-              kBad)
-        << c.what;
-    EXPECT_EQ(hseg_test::alloc_calls(), 0) << c.what;
-  }
-  EXPECT_TRUE(dst.untouched());
+  CubicCache *c = &cache.c;
+  alloc_reset();
+  const struct { const char *what; MRESULT got; } cases[] = {
+      {"null cache", ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, 8, 8, 11, nullptr)},
+      {"null source", ImageResize_Cubic_C1(nullptr, nullptr, 16, 16, 19, d, 8, 8, 11, c)},
+      {"zero source width", ImageResize_Cubic_C1(nullptr, s, 0, 16, 19, d, 8, 8, 11, c)},
+      {"zero destination height", ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, 8, 0, 11, c)},
+      {"short source pitch", ImageResize_Cubic_C1(nullptr, s, 16, 16, 15, d, 8, 8, 11, c)},
+      {"work block overflow",
+       ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, INT32_MAX / 24, 8, INT32_MAX, c)}};
+  for (const auto &b : cases) EXPECT_EQ(b.got, kBad) << b.what;
+  EXPECT_TRUE(alloc_calls() == 0 && dst.untouched());
 }
 
 // Failing the work block or the kernel table: status 4, nothing written,
 // the cache keeps what it got and completes on the next call, no leak.
 TEST(Cubic, AllocationFailureKeepsWhatWasAllocated) {
-  Plane src = random_plane(30, 20, 10);
-  const int64_t n = hseg_test::for_each_alloc_failure([&](int64_t failing) {
+  std::mt19937 rng(10);
+  Raster src = random_raster(rng, 30, 20);
+  const int64_t n = for_each_alloc_failure([&](int64_t failing) {
     {
-      Plane dst(17, 11);
+      Raster dst(17, 11);
       Cache cache;
       const MRESULT s = resize(src, &dst, &cache.c);
       if (failing > 0) {
@@ -213,11 +176,11 @@ TEST(Cubic, AllocationFailureKeepsWhatWasAllocated) {
         EXPECT_EQ(cache.c.work != nullptr, failing > 1);  // the work block comes first
         EXPECT_EQ(cache.c.coef_tab, nullptr);
         EXPECT_TRUE(dst.untouched());
-        hseg_test::alloc_reset();
+        alloc_reset();
       }
       EXPECT_EQ(resize(src, &dst, &cache.c), HSEG_OK);
     }
-    EXPECT_EQ(hseg_test::alloc_live(), 0);
+    EXPECT_EQ(alloc_live(), 0);
   });
   EXPECT_EQ(n, 2);
 }

@@ -1,92 +1,62 @@
 // Nearest-neighbour resize.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
-#include <cstdint>
-#include <random>
-#include <vector>
 
-#include "hseg/resize.h"
 #include "resize/nearest_rows.h"
 #include "support/alloc_hooks.h"
+#include "support/resize_images.h"
 
 namespace {
 
-constexpr uint8_t kCanary = 0xA5;
-
-bool untouched(const std::vector<uint8_t> &v) {
-  return std::all_of(v.begin(), v.end(), [](uint8_t b) { return b == kCanary; });
-}
+using namespace hseg_test;
 
 // The source index rule, written out in 64 bits.
 int64_t nn_index(int64_t src, int64_t dst, int64_t d) {
-  const int64_t s = (std::min(src, dst) - 1 + d * 2 * src) / (2 * dst);
-  return s >= src ? s - 1 : s;
+  return (std::min(src, dst) - 1 + d * 2 * src) / (2 * dst);
 }
 
-TEST(Nearest, WorkedExamplesAlongBothAxes) {
-  struct Case {
-    int32_t src, dst;
-    std::vector<int32_t> expect;
-  };
-  const Case cases[] = {{4, 2, {0, 2}},               // numerators 1, 9 over 4
-                        {2, 4, {0, 0, 1, 1}},         // numerators 1, 5, 9, 13 over 8
-                        {5, 5, {0, 1, 2, 3, 4}},      // equal sizes: a copy
-                        {3, 7, {0, 0, 1, 1, 1, 2, 2}}};  // numerators 2, 8, 14, ... over 14
-  for (const auto &c : cases) {
-    std::vector<uint8_t> src(c.src);
-    for (int32_t i = 0; i < c.src; ++i) src[i] = static_cast<uint8_t>(10 * i + 7);
-    std::vector<uint8_t> row(c.dst, kCanary), col(c.dst, kCanary);
-    ASSERT_EQ(zevImageResize_NN(nullptr, src.data(), c.src, c.src, 1, row.data(), c.dst, c.dst, 1, 1),
-              HSEG_OK);
-    ASSERT_EQ(zevImageResize_NN(nullptr, src.data(), 1, 1, c.src, col.data(), 1, 1, c.dst, 1), HSEG_OK);
-    for (int32_t d = 0; d < c.dst; ++d) {
-      EXPECT_EQ(row[d], src[c.expect[d]]) << c.src << "->" << c.dst << " column " << d;
-      EXPECT_EQ(col[d], src[c.expect[d]]) << c.src << "->" << c.dst << " row " << d;
-    }
-  }
-}
-
-// Every output pixel is the source pixel the rule names. Three-channel
-// sources encode their own coordinates, so a pixel from anywhere else cannot
-// pass (and a constant image can only stay constant).
+// Every output pixel is the source pixel the rule names. The rule's worked
+// examples: 4 -> 2 reads 0, 2 (numerators 1, 9 over 4); 2 -> 4 reads 0, 0,
+// 1, 1 (1, 5, 9, 13 over 8); equal sizes copy; 3 -> 7 reads 0, 0, 1, 1, 1,
+// 2, 2 (2, 8, 14, ... over 14); the table runs them along both axes.
+// Three-channel sources encode their own coordinates, so a pixel from
+// anywhere else cannot pass (and a constant image can only stay constant).
 TEST(Nearest, MatchesTheIndexRuleAndReadsOnlySourcePixels) {
-  struct Case {
-    int32_t sw, sh, dw, dh, channels;
-  };
-  const Case cases[] = {{473, 473, 1920, 1080, 1}, {473, 473, 100, 57, 1}, {473, 473, 474, 472, 1},
-                        {640, 480, 211, 73, 3},    {7, 5, 3, 11, 3},       {1, 1, 9, 4, 3},
-                        {30, 70, 60, 10, 3},       {3, 2, 1, 1, 1},
-                        {70000, 1, 40000, 2, 1}};  // 2 * d * src passes 2^31
+  const struct { int src; std::vector<int64_t> index; } worked[] = {
+      {4, {0, 2}}, {2, {0, 0, 1, 1}}, {5, {0, 1, 2, 3, 4}}, {3, {0, 0, 1, 1, 1, 2, 2}}};
+  for (const auto &w : worked)
+    for (size_t d = 0; d < w.index.size(); ++d)
+      EXPECT_EQ(nn_index(w.src, w.index.size(), d), w.index[d]) << w.src << " -> " << d;
+  const struct { int32_t sw, sh, dw, dh, c; } cases[] = {
+      {4, 2, 2, 4, 1}, {2, 4, 4, 2, 3}, {5, 3, 5, 7, 1}, {3, 5, 7, 5, 3}, {1, 1, 9, 4, 3},
+      {473, 473, 1920, 1080, 1}, {473, 473, 100, 57, 1}, {640, 480, 211, 73, 3},
+      {473, 473, 474, 472, 1}, {2, 3, 3, 2, 3},  // a numerator lands on 2 * dst * k
+      {70000, 1, 40000, 2, 1}};                  // 2 * d * src passes 2^31
   std::mt19937 rng(7);
   for (const auto &g : cases) {
     SCOPED_TRACE(testing::Message() << g.sw << "x" << g.sh << " -> " << g.dw << "x" << g.dh);
-    const int32_t c = g.channels, sp = g.sw * c + 3, dp = g.dw * c + 5;
-    std::vector<uint8_t> src(static_cast<size_t>(sp) * g.sh);
-    for (int32_t y = 0; y < g.sh; ++y)
+    Raster src = random_raster(rng, g.sw, g.sh, g.c), dst(g.dw, g.dh, g.c, 5);
+    for (int32_t y = 0; y < g.sh && g.c == 3; ++y)
       for (int32_t x = 0; x < g.sw; ++x) {
-        uint8_t *p = &src[static_cast<size_t>(y) * sp + x * c];
-        p[0] = c == 1 ? static_cast<uint8_t>(rng()) : static_cast<uint8_t>(x);
-        if (c == 3) p[1] = static_cast<uint8_t>(y), p[2] = static_cast<uint8_t>(x >> 8 | (y >> 8) << 4);
+        uint8_t *p = &src.at(x, y);
+        p[0] = uint8_t(x), p[1] = uint8_t(y), p[2] = uint8_t(x >> 8 | (y >> 8) << 4);
       }
-    std::vector<uint8_t> dst(static_cast<size_t>(dp) * g.dh, kCanary);
-    ASSERT_EQ(zevImageResize_NN(nullptr, src.data(), sp, g.sw, g.sh, dst.data(), dp, g.dw, g.dh, c),
-              HSEG_OK);
+    ASSERT_EQ(zevImageResize_NN(nullptr, src.px.data(), src.pitch, g.sw, g.sh, dst.px.data(),
+                                dst.pitch, g.dw, g.dh, g.c), HSEG_OK);
     for (int32_t dy = 0; dy < g.dh; ++dy) {
       const int64_t sy = nn_index(g.sh, g.dh, dy);
       for (int32_t dx = 0; dx < g.dw; ++dx) {
         const int64_t sx = nn_index(g.sw, g.dw, dx);
-        const uint8_t *o = &dst[static_cast<size_t>(dy) * dp + dx * c];
-        if (c == 1) {
-          ASSERT_EQ(o[0], src[sy * sp + sx]) << dx << "," << dy;
+        if (g.c == 1) {
+          ASSERT_EQ(dst.at(dx, dy), src.at(sx, sy)) << dx << "," << dy;
         } else {
-          ASSERT_EQ(o[0] | (o[2] & 15) << 8, sx) << dx << "," << dy;
-          ASSERT_EQ(o[1] | (o[2] >> 4) << 8, sy) << dx << "," << dy;
+          ASSERT_EQ(dst.at(dx, dy, 0) | (dst.at(dx, dy, 2) & 15) << 8, sx) << dx << "," << dy;
+          ASSERT_EQ(dst.at(dx, dy, 1) | (dst.at(dx, dy, 2) >> 4) << 8, sy) << dx << "," << dy;
         }
       }
-      for (int32_t i = g.dw * c; i < dp; ++i) ASSERT_EQ(dst[size_t{1} * dy * dp + i], kCanary);
     }
+    EXPECT_TRUE(dst.padding_untouched());
   }
 }
 
@@ -98,8 +68,8 @@ TEST(NearestRows, ShuffleGatherMatchesReference) {
 #if defined(HSEG_NEAREST_HAVE_SHUFFLE)
   if (!hseg::nearest_cpu_has_ssse3()) GTEST_SKIP() << "no SSSE3 on this CPU";
   std::mt19937 rng(3);
-  std::vector<std::pair<int32_t, int32_t>> sizes = {{473, 1920}, {473, 470}, {473, 100}, {16, 16},
-                                                    {16, 17},    {15, 32},   {1, 48},    {2000, 1999}};
+  std::vector<std::pair<int32_t, int32_t>> sizes = {
+      {473, 1920}, {473, 470}, {473, 100}, {16, 16}, {16, 17}, {15, 32}, {1, 48}, {2000, 1999}};
   for (int i = 0; i < 40; ++i) sizes.emplace_back(1 + rng() % 300, 1 + rng() % 900);
   for (const auto &[sw, dw] : sizes) {
     std::vector<int32_t> cols(dw), bases(hseg::nearest_block_count(dw));
@@ -108,7 +78,8 @@ TEST(NearestRows, ShuffleGatherMatchesReference) {
     hseg::nearest_build_shuffle(cols.data(), dw, sw, bases.data(), masks.data());
     for (auto &v : src) v = static_cast<uint8_t>(rng());
     hseg::nearest_gather_c1_ref(src.data(), cols.data(), dw, a.data());
-    hseg::nearest_gather_c1_ssse3(src.data(), cols.data(), bases.data(), masks.data(), dw, b.data());
+    hseg::nearest_gather_c1_ssse3(src.data(), cols.data(), bases.data(), masks.data(), dw,
+                                  b.data());
     for (int32_t d = 0; d < dw; ++d) ASSERT_EQ(a[d], b[d]) << sw << "->" << dw << " column " << d;
     for (int32_t d = dw; d < dw + 16; ++d) ASSERT_EQ(b[d], 0xEE) << "wrote past the row";
     EXPECT_TRUE(sw < 32 || dw < sw || bases[0] >= 0) << "an enlargement takes the shuffle";
@@ -118,44 +89,38 @@ TEST(NearestRows, ShuffleGatherMatchesReference) {
 #endif
 }
 
+// Checked before anything is allocated or written; two channels and no
+// destination rows are nothing to do.
 TEST(Nearest, RejectsBadArgumentsBeforeAllocating) {
-  struct Case {
-    const char *what;
-    bool null_src, null_dst;
-    int32_t sp, sw, sh, dp, dw, dh, channels;
-    MRESULT expect;
-  };
   const MRESULT kBad = HSEG_ERR_BAD_ARGUMENT;
-  const Case cases[] = {{"null source", true, false, 8, 8, 8, 8, 8, 8, 1, kBad},
-                        {"null destination", false, true, 8, 8, 8, 8, 8, 8, 1, kBad},
-                        {"zero source height", false, false, 8, 8, 0, 8, 8, 8, 1, kBad},
-                        {"negative destination width", false, false, 8, 8, 8, 8, -4, 8, 1, kBad},
-                        {"short destination pitch", false, false, 24, 8, 8, 23, 8, 8, 3, kBad},
-                        {"row bytes overflow", false, false, INT32_MAX, INT32_MAX / 2, 1, 8, 8, 8, 3, kBad},
-                        {"work block overflow", false, false, 8, 8, 8, INT32_MAX, INT32_MAX / 5, 8, 1, kBad},
-                        {"two channels: nothing to do", false, false, 16, 8, 8, 16, 8, 8, 2, HSEG_OK},
-                        {"no destination rows: nothing to do", false, false, 8, 8, 8, 8, 8, 0, 1, HSEG_OK}};
-  std::vector<uint8_t> src(64 * 8, 1);
-  for (const auto &c : cases) {
-    std::vector<uint8_t> dst(64 * 8, kCanary);
-    hseg_test::alloc_reset();
-    EXPECT_EQ(zevImageResize_NN(nullptr, c.null_src ? nullptr : src.data(), c.sp, c.sw, c.sh,
-                                c.null_dst ? nullptr : dst.data(), c.dp, c.dw, c.dh, c.channels),
-              c.expect)
-        << c.what;
-    EXPECT_EQ(hseg_test::alloc_calls(), 0) << c.what;
-    EXPECT_TRUE(untouched(dst)) << c.what;
-  }
+  std::vector<uint8_t> src(64 * 8, 1), dst(64 * 8, kCanary);
+  const uint8_t *s = src.data();
+  uint8_t *d = dst.data();
+  const int32_t big = INT32_MAX;
+  alloc_reset();
+  const struct { const char *what; MRESULT got, want; } cases[] = {
+      {"null source", zevImageResize_NN(nullptr, nullptr, 8, 8, 8, d, 8, 8, 8, 1), kBad},
+      {"null destination", zevImageResize_NN(nullptr, s, 8, 8, 8, nullptr, 8, 8, 8, 1), kBad},
+      {"zero source height", zevImageResize_NN(nullptr, s, 8, 8, 0, d, 8, 8, 8, 1), kBad},
+      {"negative destination width", zevImageResize_NN(nullptr, s, 8, 8, 8, d, 8, -4, 8, 1), kBad},
+      {"short destination pitch", zevImageResize_NN(nullptr, s, 24, 8, 8, d, 23, 8, 8, 3), kBad},
+      {"row bytes overflow", zevImageResize_NN(nullptr, s, big, big / 2, 1, d, 8, 8, 8, 3), kBad},
+      {"work block overflow", zevImageResize_NN(nullptr, s, 8, 8, 8, d, big, big / 5, 8, 1), kBad},
+      {"two channels", zevImageResize_NN(nullptr, s, 16, 8, 8, d, 16, 8, 8, 2), HSEG_OK},
+      {"no destination rows", zevImageResize_NN(nullptr, s, 8, 8, 8, d, 8, 8, 0, 1), HSEG_OK}};
+  for (const auto &c : cases) EXPECT_EQ(c.got, c.want) << c.what;
+  EXPECT_EQ(alloc_calls(), 0);
+  EXPECT_TRUE(untouched(dst));
 }
 
 TEST(Nearest, AllocationFailureWritesNothingAndLeaksNothing) {
   std::vector<uint8_t> src(60 * 10, 9);
   for (int32_t channels : {1, 3}) {
-    const int64_t n = hseg_test::for_each_alloc_failure([&](int64_t failing) {
+    const int64_t n = for_each_alloc_failure([&](int64_t failing) {
       std::vector<uint8_t> dst(3 * 33 * 7, kCanary);
       const MRESULT s =
           zevImageResize_NN(nullptr, src.data(), 60, 20, 10, dst.data(), 99, 33, 7, channels);
-      EXPECT_EQ(hseg_test::alloc_live(), 0);
+      EXPECT_EQ(alloc_live(), 0);
       EXPECT_EQ(s, failing == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY);
       EXPECT_TRUE(failing == 0 || untouched(dst));
     });
