@@ -2,7 +2,7 @@ hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 
 # ---- network pass ----
 # Whole passes on the linked weights take a few seconds each; the suite runs
-# about a dozen (one of them the plain route, which holds 1.5 GB).
+# about four and a half (one of them the plain route, which holds 1.5 GB).
 hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
 target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")

@@ -1,5 +1,5 @@
-// The weights file reader and writer on small files, every kind of bad file,
-// and the hseg-weights program on the build's weights and data library.
+// The weights file reader on every kind of bad file, and the hseg-weights
+// program on the build's weights file and data library.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,7 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -18,9 +17,7 @@
 
 namespace {
 
-using hseg_weights::TensorShape;
-
-const std::vector<TensorShape> kShapes = {
+const std::vector<hseg_weights::TensorShape> kShapes = {
     {"a.weight", {2, 3}}, {"a.bias", {2}}, {"b.weight", {1, 1, 2, 2}}};
 constexpr size_t kDataBytes = (6 + 2 + 4) * 4;
 
@@ -35,8 +32,14 @@ std::vector<uint8_t> read_bytes(const std::string &path) {
 }
 
 void write_bytes(const std::string &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream f(path, std::ios::binary);
-  f.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string joined(const std::vector<std::string> &errors) {
+  std::string s;
+  for (const auto &e : errors) s += e + "\n";
+  return s;
 }
 
 // A file from a header text and `data_bytes` bytes of data holding the floats
@@ -60,16 +63,13 @@ std::string entry(const std::string &name, const std::string &dtype, const std::
          ",\"data_offsets\":[" + std::to_string(begin) + "," + std::to_string(end) + "]}";
 }
 
-// The three good entries, each replaceable.
+// The three good entries, each replaceable (an empty one is left out).
 std::string header(std::string a = entry("a.weight", "F32", "[2,3]", 0, 24),
                    std::string bias = entry("a.bias", "F32", "[2]", 24, 32),
                    std::string b = entry("b.weight", "F32", "[1,1,2,2]", 32, 48)) {
-  std::string h = "{";
-  for (const std::string *e : {&a, &bias, &b}) {
-    if (e->empty()) continue;
-    if (h.size() > 1) h += ",";
-    h += *e;
-  }
+  std::string h = "{" + a;
+  for (const std::string *e : {&bias, &b})
+    if (!e->empty()) h += (h.size() > 1 ? "," : "") + *e;
   return h + "}";
 }
 
@@ -82,101 +82,50 @@ std::vector<std::string> validate_bytes(const std::vector<uint8_t> &bytes) {
   return errors;
 }
 
-std::string joined(const std::vector<std::string> &errors) {
-  std::string s;
-  for (const auto &e : errors) s += e + "\n";
-  return s;
-}
-
-TEST(WeightsFile, WrittenFileValidatesAndIsCanonical) {
-  const std::string p1 = temp_path("w1.safetensors"), p2 = temp_path("w2.safetensors");
-  auto fill = [](size_t i, float *dst) { dst[0] = static_cast<float>(i) + 0.5f; };
-  std::string error;
-  ASSERT_TRUE(hseg_weights::write_file(p1, kShapes, fill, &error)) << error;
-  ASSERT_TRUE(hseg_weights::write_file(p2, kShapes, fill, &error)) << error;
-  const std::vector<uint8_t> a = read_bytes(p1), b = read_bytes(p2);
-  EXPECT_EQ(a, b);
-  hseg_weights::FileLayout layout;
-  EXPECT_TRUE(hseg_weights::validate(p1, kShapes, &layout).empty());
-  EXPECT_EQ(layout.header_size % 8, 0u);
-  EXPECT_EQ(layout.file_size, 8 + layout.header_size + kDataBytes);
-  ASSERT_EQ(layout.tensors.size(), 3u);
-  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(layout.tensors[i].name, kShapes[i].name);  // header order
-  std::remove(p1.c_str());
-  std::remove(p2.c_str());
-}
-
 TEST(WeightsFile, EachKindOfBadFileIsRejectedWithItsMessage) {
-  struct Case {
-    const char *what;
-    std::vector<uint8_t> bytes;
-    const char *message;
-  };
   const size_t d = kDataBytes;
-  std::vector<uint8_t> nan_file = make_file(header(), d);
+  const std::string a = entry("a.weight", "F32", "[2,3]", 0, 24);
+  std::vector<uint8_t> nan_file = make_file(header(), d), inf_file = nan_file;
   const float nan = std::nanf(""), inf = -INFINITY;
   std::memcpy(&nan_file[nan_file.size() - d + 4 * 4], &nan, 4);
-  std::vector<uint8_t> inf_file = make_file(header(), d);
   std::memcpy(&inf_file[inf_file.size() - 4], &inf, 4);
-  const Case cases[] = {
-      {"good", make_file(header(), d), nullptr},
-      {"missing", make_file(header(entry("a.weight", "F32", "[2,3]", 0, 24), entry("a.bias", "F32", "[2]", 24, 32), ""), 32),
-       "missing tensor b.weight"},
-      {"extra", make_file(header().insert(1, entry("c", "F32", "[1]", 48, 52) + ","), d + 4),
-       "unexpected tensor c"},
-      {"shape", make_file(header(entry("a.weight", "F32", "[3,2]", 0, 24)), d),
-       "tensor a.weight: shape [3, 2], expected [2, 3]"},
-      {"dtype", make_file(header(entry("a.weight", "F32", "[2,3]", 0, 24), entry("a.bias", "F64", "[1]", 24, 32)), d),
-       "tensor a.bias: dtype F64, expected F32"},
-      {"nan", nan_file, "tensor a.weight: element 4 is NaN"},
-      {"inf", inf_file, "tensor b.weight: element 3 is -inf"},
-      {"truncated data", make_file(header(), d - 4), "file is truncated"},
-      {"truncated header", make_file(header(), 0, 4096), "file is truncated"},
-      {"shorter than the length", {1, 2, 3}, "file is truncated"},
-      {"bad json", make_file("{\"a.weight\":{", d), "malformed header"},
-      {"not an object", make_file("[1,2]", d), "not an object"},
-      {"offsets", make_file(header(entry("a.weight", "F32", "[2,3]", 0, 20)), d), "needs 24"},
-      {"gap", make_file(header(entry("a.weight", "F32", "[2,3]", 4, 28), entry("a.bias", "F32", "[2]", 28, 36), entry("b.weight", "F32", "[1,1,2,2]", 36, 52)), d + 4),
-       "belong to no tensor"},
-      {"overlap", make_file(header(entry("a.weight", "F32", "[2,3]", 0, 24), entry("a.bias", "F32", "[2]", 20, 28), entry("b.weight", "F32", "[1,1,2,2]", 28, 44)), d - 4),
+  const struct {
+    std::vector<uint8_t> bytes;
+    const char *message;
+  } cases[] = {
+      {make_file(header(a, entry("a.bias", "F32", "[2]", 24, 32), ""), 32), "missing tensor b.weight"},
+      {make_file(header().insert(1, entry("c", "F32", "[1]", 48, 52) + ","), d + 4), "unexpected tensor c"},
+      {make_file(header(entry("a.weight", "F32", "[3,2]", 0, 24)), d), "tensor a.weight: shape [3, 2], expected [2, 3]"},
+      {make_file(header(a, entry("a.bias", "F64", "[1]", 24, 32)), d), "tensor a.bias: dtype F64, expected F32"},
+      {nan_file, "tensor a.weight: element 4 is NaN"},
+      {inf_file, "tensor b.weight: element 3 is -inf"},
+      {make_file(header(), d - 4), "file is truncated"},
+      {make_file(header(), 0, 4096), "file is truncated"},
+      {{1, 2, 3}, "file is truncated"},
+      {make_file("{\"a.weight\":{", d), "malformed header"},
+      {make_file("[1,2]", d), "not an object"},
+      {make_file(header(entry("a.weight", "F32", "[2,3]", 0, 20)), d), "needs 24"},
+      {make_file(header(entry("a.weight", "F32", "[2,3]", 4, 28), entry("a.bias", "F32", "[2]", 28, 36),
+                        entry("b.weight", "F32", "[1,1,2,2]", 36, 52)), d + 4), "belong to no tensor"},
+      {make_file(header(a, entry("a.bias", "F32", "[2]", 20, 28), entry("b.weight", "F32", "[1,1,2,2]", 28, 44)), d - 4),
        "overlaps"},
-      {"trailing bytes", make_file(header(), d + 8), "8 bytes after the last tensor"},
-      {"huge header length", make_file(header(), d, uint64_t{1} << 40), "larger than"},
-      {"unknown dtype", make_file(header(entry("a.weight", "Q7", "[2,3]", 0, 24)), d), "unknown dtype Q7"},
-      {"negative dimension", make_file(header(entry("a.weight", "F32", "[-2,3]", 0, 24)), d), "non-negative"},
-      {"offsets not a pair", make_file("{\"a.weight\":{\"dtype\":\"F32\",\"shape\":[2,3],\"data_offsets\":[0]}}", d),
-       "no \"data_offsets\" pair"},
-      {"huge shape", make_file(header(entry("a.weight", "F32", "[1099511627776,1099511627776]", 0, 24)), d), "too large"},
-      {"shape of text", make_file("{\"a.weight\":{\"dtype\":\"F32\",\"shape\":[\"2\"],\"data_offsets\":[0,24]}}", d), "non-negative integer"},
+      {make_file(header(), d + 8), "8 bytes after the last tensor"},
+      {make_file(header(), d, uint64_t{1} << 40), "larger than"},
+      {make_file(header(entry("a.weight", "Q7", "[2,3]", 0, 24)), d), "unknown dtype Q7"},
+      {make_file(header(entry("a.weight", "F32", "[-2,3]", 0, 24)), d), "non-negative"},
+      {make_file("{\"a.weight\":{\"dtype\":\"F32\",\"shape\":[2,3],\"data_offsets\":[0]}}", d), "no \"data_offsets\" pair"},
+      {make_file(header(entry("a.weight", "F32", "[1099511627776,1099511627776]", 0, 24)), d), "too large"},
+      {make_file("{\"a.weight\":{\"dtype\":\"F32\",\"shape\":[\"2\"],\"data_offsets\":[0,24]}}", d), "non-negative integer"},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
-    const std::vector<std::string> errors = validate_bytes(c.bytes);
-    if (c.message == nullptr) {
-      if (std::string(c.what) == "good") {
-        EXPECT_TRUE(errors.empty()) << joined(errors);
-      }
-      continue;
-    }
-    EXPECT_NE(joined(errors).find(c.message), std::string::npos) << joined(errors);
+  for (const auto &c : cases) {
+    const std::string errors = joined(validate_bytes(c.bytes));
+    EXPECT_NE(errors.find(c.message), std::string::npos) << c.message << " not in:\n" << errors;
   }
-}
-
-// Any cut of a good file, and any byte of its header replaced, is reported or
-// accepted without crashing; every cut is reported.
-TEST(WeightsFile, DamagedFilesNeverCrashTheReader) {
-  const std::vector<uint8_t> good = make_file(header(), kDataBytes);
-  for (size_t n = 0; n < good.size(); ++n) {
-    const std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(n));
-    EXPECT_FALSE(validate_bytes(cut).empty()) << "cut at " << n;
-  }
-  std::mt19937 rng(11);
-  const uint8_t replacements[] = {0, '{', '}', '"', ':', ',', '[', '9', '-', 0xff};
-  for (size_t i = 0; i < 8 + header().size(); ++i) {
-    std::vector<uint8_t> bad = good;
-    bad[i] = replacements[rng() % sizeof replacements];
-    validate_bytes(bad);  // must return
-  }
+  // The good file passes, and every cut of it is reported.
+  const std::vector<uint8_t> good = make_file(header(), d);
+  EXPECT_EQ(joined(validate_bytes(good)), "");
+  for (size_t n = 0; n < good.size(); ++n)
+    EXPECT_FALSE(validate_bytes(std::vector<uint8_t>(good.begin(), good.begin() + n)).empty()) << n;
 }
 
 #if defined(HSEG_WEIGHTS_TOOL)
@@ -185,36 +134,29 @@ int run(const std::string &cmd, std::string *output) {
   FILE *p = popen((cmd + " 2>&1").c_str(), "r");
   if (p == nullptr) return -1;
   char buf[4096];
-  size_t n;
   output->clear();
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) output->append(buf, n);
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output->append(buf, n);
   const int status = pclose(p);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 const std::string kTool = HSEG_WEIGHTS_TOOL;
 
+// The build's file validates and lists its 557 tensors; its first megabyte
+// fails validation and the assembly step (which fails the build).
 TEST(WeightsTool, ValidatesListsAndRejectsATruncatedFile) {
   std::string out;
   EXPECT_EQ(run(kTool + " validate '" HSEG_WEIGHTS_FILE "'", &out), 0) << out;
-  EXPECT_NE(out.find("good"), std::string::npos) << out;
   EXPECT_EQ(run(kTool + " list '" HSEG_WEIGHTS_FILE "'", &out), 0) << out;
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 557);
-  EXPECT_NE(out.find("_FC8_ZEMBDATA_DATA1_DEEPLAB_PSPNET_"), std::string::npos);
-
   std::vector<uint8_t> head(1 << 20);
-  {
-    std::ifstream f(HSEG_WEIGHTS_FILE, std::ios::binary);
-    f.read(reinterpret_cast<char *>(head.data()), static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<size_t>(f.gcount()));
-  }
+  std::ifstream(HSEG_WEIGHTS_FILE, std::ios::binary).read(reinterpret_cast<char *>(head.data()), 1 << 20);
   const std::string cut = temp_path("cut.safetensors");
   write_bytes(cut, head);
   EXPECT_EQ(run(kTool + " validate '" + cut + "'", &out), 1);
   EXPECT_NE(out.find("file is truncated"), std::string::npos) << out;
   EXPECT_EQ(run(kTool + " asm '" + cut + "' /dev/null", &out), 1);
   std::remove(cut.c_str());
-  EXPECT_EQ(run(kTool + " nonsense", &out), 2);
 }
 
 // The data library, exported back, gives the weights file it was made from.
@@ -226,6 +168,7 @@ TEST(WeightsTool, ExportRoundTripIsByteIdentical) {
   std::vector<std::string> errors;
   EXPECT_TRUE(hseg_weights::read_layout(exported, &layout, &errors)) << joined(errors);
   EXPECT_EQ(layout.tensors.size(), 557u);
+  EXPECT_EQ(layout.header_size % 8, 0u);  // data aligned for mapping
 #if HSEG_WEIGHTS_SYNTHETIC
   // The build's own file is written by the same canonical writer.
   EXPECT_TRUE(read_bytes(exported) == read_bytes(HSEG_WEIGHTS_FILE));
