@@ -6,6 +6,23 @@
 
 using namespace hseg::flatnn;
 
+namespace {
+
+// Applies op(a[i], b[i]) over width * height * channels elements. Output may
+// alias either input: each element is read before it is written.
+template <typename Op>
+uint64_t elementwise(const float *a, const float *b, int width, int height, int channels,
+                     float *output, Op op) {
+  int64_t n;
+  if (!plain_count({width, height, channels}, &n)) return kBadArgument;
+  if (n == 0) return kOk;
+  if (a == nullptr || b == nullptr || output == nullptr) return kBadArgument;
+  for (int64_t i = 0; i < n; ++i) output[i] = op(a[i], b[i]);
+  return kOk;
+}
+
+}  // namespace
+
 extern "C" {
 
 // The per-channel values are applied by direct loops over each plane rather
@@ -78,22 +95,15 @@ uint64_t ly_prelu(const float *input, float *output, int count, int channels,
 // output and accumulating a, then b, with unit-alpha AXPYs, in one pass.
 uint64_t ly_etlwise_sum(const float *a, const float *b, int width, int height, int channels,
                         float *output) {
-  int64_t n;
-  if (!plain_count({width, height, channels}, &n)) return kBadArgument;
-  if (n == 0) return kOk;
-  if (a == nullptr || b == nullptr || output == nullptr) return kBadArgument;
-  for (int64_t i = 0; i < n; ++i) output[i] = (0.0f + a[i]) + b[i];
-  return kOk;
+  return elementwise(a, b, width, height, channels, output,
+                     [](float x, float y) { return (0.0f + x) + y; });
 }
 
+// Ties and a NaN in a give b.
 uint64_t ly_etlwise_max(const float *a, const float *b, int width, int height, int channels,
                         float *output) {
-  int64_t n;
-  if (!plain_count({width, height, channels}, &n)) return kBadArgument;
-  if (n == 0) return kOk;
-  if (a == nullptr || b == nullptr || output == nullptr) return kBadArgument;
-  for (int64_t i = 0; i < n; ++i) output[i] = (a[i] > b[i]) ? a[i] : b[i];
-  return kOk;
+  return elementwise(a, b, width, height, channels, output,
+                     [](float x, float y) { return (x > y) ? x : y; });
 }
 
 }  // extern "C"

@@ -91,6 +91,25 @@ uint64_t pool(const float *input, int width, int height, int channels, float *ou
 #endif
 }
 
+// Where destination index d of an interpolated axis reads the source window
+// of `size` samples: the lower sample, the step to the upper one (0 on the
+// last sample), and the two weights, in single precision.
+struct InterpTap {
+  int index;
+  int step;
+  float lambda1;  // weight of the upper sample
+  float lambda0;  // weight of the lower sample
+};
+
+inline InterpTap interp_tap(float ratio, int d, int64_t size) {
+  const float r = ratio * static_cast<float>(d);
+  // The clamp only acts on windows over 2^24 samples, where float ratios can
+  // round onto the sample after the last.
+  const int i = std::min(static_cast<int>(r), static_cast<int>(size - 1));
+  const float l1 = r - static_cast<float>(i);
+  return {i, (i < size - 1) ? 1 : 0, l1, 1.0f - l1};
+}
+
 }  // namespace
 
 extern "C" {
@@ -165,23 +184,13 @@ uint64_t ly_interp(const float *input, float *output, int num, int channels, int
     const float *src = input + p * in_plane;
     float *dst = output + p * out_plane;
     for (int h2 = 0; h2 < height_out; ++h2) {
-      const float h1r = rheight * static_cast<float>(h2);
-      // The clamp only acts on windows over 2^24 rows, where float ratios can
-      // round onto the row after the last.
-      const int h1 = std::min(static_cast<int>(h1r), static_cast<int>(height1 - 1));
-      const int h1p = (h1 < height1 - 1) ? 1 : 0;
-      const float h1lambda = h1r - static_cast<float>(h1);
-      const float h0lambda = 1.0f - h1lambda;
+      const InterpTap h = interp_tap(rheight, h2, height1);
       for (int w2 = 0; w2 < width_out; ++w2) {
-        const float w1r = rwidth * static_cast<float>(w2);
-        const int w1 = std::min(static_cast<int>(w1r), static_cast<int>(width1 - 1));
-        const int w1p = (w1 < width1 - 1) ? 1 : 0;
-        const float w1lambda = w1r - static_cast<float>(w1);
-        const float w0lambda = 1.0f - w1lambda;
-        const float *q = src + (y1 + h1) * Width1 + (x1 + w1);
-        const int64_t down = h1p * Width1;
-        *dst++ = (q[down + w1p] * w1lambda + q[down] * w0lambda) * h1lambda +
-                 (q[w1p] * w1lambda + q[0] * w0lambda) * h0lambda;
+        const InterpTap w = interp_tap(rwidth, w2, width1);
+        const float *q = src + (y1 + h.index) * Width1 + (x1 + w.index);
+        const int64_t down = h.step * Width1;
+        *dst++ = (q[down + w.step] * w.lambda1 + q[down] * w.lambda0) * h.lambda1 +
+                 (q[w.step] * w.lambda1 + q[0] * w.lambda0) * h.lambda0;
       }
     }
   }
