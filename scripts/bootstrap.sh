@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev       # bench/
   nlohmann-json3-dev     # safetensors header parsing in the weights tool
   libstb-dev             # PNG/JPEG/BMP reading and PNG writing in the tools
+  clang libclang-rt-14-dev  # libFuzzer targets (scripts/fuzz.sh)
 )
 
 missing=()

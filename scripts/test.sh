@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the library and its tests, and runs the
 # test suite twice: in the Release build and in a build instrumented with
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# AddressSanitizer and UndefinedBehaviorSanitizer; then runs every libFuzzer
+# target for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/bootstrap.sh
@@ -15,3 +16,10 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# Every parser of untrusted bytes, fuzzed for a minute each.
+if command -v clang++ >/dev/null 2>&1; then
+  scripts/fuzz.sh 60
+else
+  echo "clang++ not found: fuzz targets skipped" >&2
+fi

@@ -32,6 +32,9 @@ extern "C" {
 #define HSEG_ERR_FORMAT 3u       /* unsupported pixel-format code */
 #define HSEG_ERR_NO_MEMORY 4u    /* an allocation failed, or a null record */
 #define HSEG_ERR_TABLE 5u        /* area-resize table overflow / key absent */
+#define HSEG_ERR_FILE 6u         /* a file cannot be opened, read or written, or
+                                    is malformed (image toolkit) */
+#define HSEG_ERR_SINGULAR 7u     /* a singular matrix (image toolkit) */
 
 typedef uint32_t MRESULT;
 
@@ -45,6 +48,8 @@ typedef uint32_t MRESULT;
 #define HSEG_PIXFMT_NV12 0x804u  /* Y plane + interleaved U,V pairs (planes 0, 1);
                                     accepted by the bilinear resizer only */
 #define HSEG_PIXFMT_GRAY 0x701u  /* 1 byte a pixel, grey or mask; plane 0 */
+#define HSEG_PIXFMT_GRAY16 0x702u /* 2 bytes a pixel, unsigned, native endian
+                                     (a depth map, say); plane 0; blur only */
 
 /* ------------------------------------------------------------------------ */
 /* Memory context and memory services                                         */

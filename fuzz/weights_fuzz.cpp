@@ -1,12 +1,5 @@
 // libFuzzer target for the weights file reader: any bytes must give a
 // layout or a list of problems, never a crash, a hang or a leak.
-//
-// Not part of the build (it needs Clang). From the repository root:
-//   clang++ -std=c++17 -g -O1 -fsanitize=fuzzer,address,undefined -Itools \
-//     tests/weights_fuzz.cpp tools/hseg_weights_io.cpp -o weights_fuzz
-//   ./weights_fuzz -max_len=4096 CORPUS_DIR
-// A good seed is the head of a real weights file, e.g.
-//   head -c 4096 build/generated/synthetic.safetensors > CORPUS_DIR/seed
 #include <cstdint>
 #include <cstdio>
 #include <string>
