@@ -235,6 +235,26 @@ typedef struct HsegStageTimes {
 HSEG_API MRESULT HsegTimed(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
                            uint64_t reserved, int32_t flags, HsegStageTimes *times);
 
+/* Which network computes the scores. */
+#define HSEG_NETWORK_EXACT 0u /* the Hseg arithmetic, bit for bit */
+#define HSEG_NETWORK_FAST 1u  /* a faster evaluation of the same network whose
+                                 scores differ slightly (opt-in) */
+
+/* Options of HsegEx. Set `size` to sizeof(HsegOptions): the record may grow
+ * at its end in later versions, and the library reads only the fields that
+ * the caller's size covers. Zero-fill it for the defaults. */
+typedef struct HsegOptions {
+  uint32_t size;    /* sizeof(HsegOptions) */
+  uint32_t network; /* HSEG_NETWORK_EXACT (default) or HSEG_NETWORK_FAST */
+} HsegOptions;
+
+/* Hseg with options. A NULL `options` means all defaults, which is exactly
+ * Hseg. Returns HSEG_ERR_BAD_ARGUMENT for an options record whose size is
+ * smaller than the first version of the record or whose network is not one
+ * of the HSEG_NETWORK_* values; otherwise everything Hseg returns. */
+HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
+                        const HsegOptions *options);
+
 /* Runs the network on the 473x473 BGR image `in` (plane 0, pitch 0) and
  * writes the 60x60 coarse mask to `out`'s plane 0 as 3600 contiguous bytes
  * (row r at offset 60 * r; out's pitch is not used): 255 where the person

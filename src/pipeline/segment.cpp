@@ -221,6 +221,16 @@ HSEG_API MRESULT HsegTimed(MHandle mem, const OffscreenImage *src, OffscreenImag
   return hseg::segment(mem, src, dst, flags, hseg::default_network(), times);
 }
 
+HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
+                        const HsegOptions *options) {
+  if (options != nullptr) {
+    if (options->size < sizeof(HsegOptions)) return HSEG_ERR_BAD_ARGUMENT;
+    // The fast network is not built yet.
+    if (options->network != HSEG_NETWORK_EXACT) return HSEG_ERR_BAD_ARGUMENT;
+  }
+  return hseg::segment(mem, src, dst, 0, hseg::default_network(), nullptr);
+}
+
 HSEG_API MRESULT FigureNet_il(MHandle, const OffscreenImage *in, OffscreenImage *out,
                               uint64_t, float *scores, int32_t) {
   return hseg::figure_net(in, out, scores, hseg::default_network());
