@@ -2,6 +2,10 @@
 # Installs the Debian packages that building, testing and benchmarking need.
 # Idempotent: packages already present are left alone and apt-get update runs
 # only when something is missing.
+#
+#   scripts/bootstrap.sh           what building and testing need
+#   scripts/bootstrap.sh --bench   also OpenCV, which the benchmarks time
+#                                  beside the library where it is installed
 set -euo pipefail
 
 packages=(
@@ -14,6 +18,10 @@ packages=(
   libstb-dev             # PNG/JPEG/BMP reading and PNG writing in the tools
   clang libclang-rt-14-dev  # libFuzzer targets (scripts/fuzz.sh)
 )
+
+if [ "${1:-}" = "--bench" ]; then
+  packages+=(libopencv-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
