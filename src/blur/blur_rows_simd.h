@@ -1,0 +1,105 @@
+// The SIMD row kernels, written once over a vector type `V` that each SIMD
+// source file defines (SSE2: 4 lanes, AVX2: 8 lanes of 32 bits). Included
+// only by those files, inside their anonymous namespace, so every copy is
+// compiled for its own instruction set. Leftover values at a row's end go
+// through the same scalar arithmetic as the plain kernels.
+//
+// V provides, for lanes of 32-bit unsigned values:
+//   R, kLanes, load/store (uint32_t), load8/load16 (widen kLanes samples),
+//   store8/store16 (narrow lanes that fit), add, sub, set1,
+//   scale_round(v, scale)   (int)((float)v * scale + 0.5f) lane by lane,
+//   mulhi_shift(x, m, k)    (x * m) >> (32 + k) lane by lane,
+//   shift_lanes<S>(v)       lane j takes lane j - S, the first S lanes 0,
+//   carry<CH>(v)            lane j takes lane kLanes - CH + j % CH.
+#ifndef HSEG_SRC_BLUR_BLUR_ROWS_SIMD_H_
+#define HSEG_SRC_BLUR_BLUR_ROWS_SIMD_H_
+
+inline R load_n(const uint8_t *p) { return V::load8(p); }
+inline R load_n(const uint16_t *p) { return V::load16(p); }
+inline R load_n(const uint32_t *p) { return V::load(p); }
+inline void store_n(uint8_t *p, R v) { V::store8(p, v); }
+inline void store_n(uint16_t *p, R v) { V::store16(p, v); }
+
+template <typename T>
+void vsum(uint32_t *acc, const T *add, const T *sub, int32_t n) {
+  int32_t i = 0;
+  for (; i + V::kLanes <= n; i += V::kLanes)
+    V::store(acc + i, V::add(V::load(acc + i), V::sub(load_n(add + i), load_n(sub + i))));
+  for (; i < n; ++i) acc[i] += static_cast<uint32_t>(add[i]) - sub[i];
+}
+
+template <typename T>
+void vsum_norm(uint32_t *acc, const T *add, const T *sub, int32_t n, float scale,
+               uint16_t *out) {
+  int32_t i = 0;
+  for (; i + V::kLanes <= n; i += V::kLanes) {
+    const R a = V::add(V::load(acc + i), V::sub(load_n(add + i), load_n(sub + i)));
+    V::store(acc + i, a);
+    V::store16(out + i, V::scale_round(a, scale));
+  }
+  for (; i < n; ++i) {
+    acc[i] += static_cast<uint32_t>(add[i]) - sub[i];
+    out[i] = static_cast<uint16_t>(hseg::blur::scale_round(acc[i], scale));
+  }
+}
+
+// Stride-CH prefix: within a vector, add the value CH, 2 CH, 4 CH lanes
+// back; then add the carry, which holds for each lane the prefix just
+// before the first lane of its channel in this vector.
+template <int CH, typename T>
+void scan_ch(const T *a, int32_t n, uint32_t *p) {
+  int32_t i = 0;
+  if (n >= V::kLanes) {
+    uint32_t start[V::kLanes];
+    for (int j = 0; j < V::kLanes; ++j) start[j] = p[j % CH];
+    R carry = V::load(start);
+    for (; i + V::kLanes <= n; i += V::kLanes) {
+      R x = load_n(a + i);
+      x = V::add(x, V::template shift_lanes<CH>(x));
+      if (2 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<2 * CH>(x));
+      if (4 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<4 * CH>(x));
+      x = V::add(x, carry);
+      V::store(p + CH + i, x);
+      carry = V::template carry<CH>(x);
+    }
+  }
+  for (; i < n; ++i) p[CH + i] = p[i] + a[i];
+}
+
+template <typename T>
+void scan(const T *a, int32_t n, int32_t ch, uint32_t *p) {
+  if (ch == 3) {
+    scan_ch<3>(a, n, p);
+  } else if (ch == 2) {
+    scan_ch<2>(a, n, p);
+  } else {
+    scan_ch<1>(a, n, p);
+  }
+}
+
+template <typename T>
+void diff_div(const uint32_t *hi, const uint32_t *lo, int32_t n, const hseg::blur::Divisor &d,
+              T *out) {
+  const R half = V::set1(d.half), mul = V::set1(d.mul);
+  int32_t i = 0;
+  for (; i + V::kLanes <= n; i += V::kLanes) {
+    const R s = V::add(V::sub(V::load(hi + i), V::load(lo + i)), half);
+    store_n(out + i, V::mulhi_shift(s, mul, d.shift));
+  }
+  for (; i < n; ++i) out[i] = static_cast<T>(hseg::blur::divide(hi[i] - lo[i], d));
+}
+
+template <typename T>
+void diff_norm(const uint32_t *hi, const uint32_t *lo, int32_t n, float scale, T *out) {
+  int32_t i = 0;
+  for (; i + V::kLanes <= n; i += V::kLanes)
+    store_n(out + i, V::scale_round(V::sub(V::load(hi + i), V::load(lo + i)), scale));
+  for (; i < n; ++i) out[i] = static_cast<T>(hseg::blur::scale_round(hi[i] - lo[i], scale));
+}
+
+constexpr hseg::blur::RowKernels kTable = {
+    vsum<uint8_t>,      vsum<uint16_t>,     vsum_norm<uint8_t>, vsum_norm<uint16_t>,
+    scan<uint16_t>,     scan<uint32_t>,     diff_div<uint8_t>,  diff_div<uint16_t>,
+    diff_norm<uint8_t>, diff_norm<uint16_t>};
+
+#endif  // HSEG_SRC_BLUR_BLUR_ROWS_SIMD_H_
