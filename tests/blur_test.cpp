@@ -35,7 +35,8 @@ struct Picture {
   int32_t w, h, pitch;
   std::vector<uint8_t> px;
   Picture(uint32_t f, int32_t width, int32_t height, int32_t extra = 6)
-      : format(f), w(width), h(height), pitch(width * bytes_per_pixel(f) + extra),
+      : format(f), w(width), h(height),
+        pitch(width * bytes_per_pixel(f) + (f == HSEG_PIXFMT_GRAY16 ? extra / 2 * 2 : extra)),
         px(static_cast<size_t>(pitch) * height + 2, kPad) {}
   // Samples (x, c) of row y as the format lays them out; 16-bit samples
   // start 2 bytes into the buffer so they stay aligned.
@@ -160,6 +161,296 @@ TEST(BoxBlur, EqualsTheExactWindowMean) {
       OffscreenImage s = p.desc(), d = q.desc();
       ASSERT_EQ(GB_BoxBlur(nullptr, &s, &d, r), HSEG_OK);
       EXPECT_TRUE(q.rows_equal(p, 0, 30)) << name(f) << " r " << r;
+    }
+}
+
+
+// The picture blurred by a sampled Gaussian in double precision, with the
+// image continued by its edge pixels; channels are interleaved.
+std::vector<double> exact_gaussian(const std::vector<uint8_t> &img, int w, int h, int ch,
+                                   double sigma) {
+  const int r = static_cast<int>(std::ceil(6 * sigma));
+  std::vector<double> k(2 * r + 1), tmp(img.size()), out(img.size());
+  double total = 0;
+  for (int i = -r; i <= r; ++i) total += k[i + r] = std::exp(-i * i / (2 * sigma * sigma));
+  for (double &v : k) v /= total;
+  auto clamp = [](int v, int n) { return std::min(n - 1, std::max(0, v)); };
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int c = 0; c < ch; ++c) {
+        double a = 0;
+        for (int i = -r; i <= r; ++i) a += k[i + r] * img[(y * w + clamp(x + i, w)) * ch + c];
+        tmp[(y * w + x) * ch + c] = a;
+      }
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int c = 0; c < ch; ++c) {
+        double a = 0;
+        for (int i = -r; i <= r; ++i) a += k[i + r] * tmp[(clamp(y + i, h) * w + x) * ch + c];
+        out[(y * w + x) * ch + c] = a;
+      }
+  return out;
+}
+
+// The example photograph (512x512) against the exact Gaussian: mean
+// absolute difference at most 1.3 levels and 99.9th percentile at most 16.
+TEST(GaussianBlur, StaysCloseToTheExactGaussian) {
+  int w = 0, h = 0, n = 0;
+  const std::string path = std::string(HSEG_EXAMPLES_DIR) + "/astronaut.png";
+  unsigned char *rgb = stbi_load(path.c_str(), &w, &h, &n, 3);
+  ASSERT_NE(rgb, nullptr) << path;
+  const std::vector<uint8_t> img(rgb, rgb + 3 * w * h);
+  stbi_image_free(rgb);
+  for (float sigma : {1.0f, 2.0f, 8.0f, 32.0f}) {
+    const std::vector<double> want = exact_gaussian(img, w, h, 3, sigma);
+    std::vector<uint8_t> got(img.size());
+    OffscreenImage s{HSEG_PIXFMT_BGR24, w, h, {const_cast<uint8_t *>(img.data())}, {3 * w}};
+    OffscreenImage d{HSEG_PIXFMT_BGR24, w, h, {got.data()}, {3 * w}};
+    ASSERT_EQ(GB_GaussianBlur(nullptr, &s, &d, sigma), HSEG_OK);
+    std::vector<int> diff(img.size());
+    double sum = 0;
+    for (size_t i = 0; i < img.size(); ++i)
+      sum += diff[i] = std::abs(got[i] - static_cast<int>(std::lround(want[i])));
+    std::sort(diff.begin(), diff.end());
+    const double mean = sum / diff.size();
+    const int p999 = diff[diff.size() * 999 / 1000];
+    EXPECT_LE(mean, 1.3) << "sigma " << sigma;
+    EXPECT_LE(p999, 16) << "sigma " << sigma;
+    std::printf("sigma %5.1f: mean |difference| %.3f, 99.9th percentile %d, max %d\n", sigma,
+                mean, p999, diff.back());
+  }
+}
+
+// Bands of random heights (1 included) give the whole call's rows, in
+// every format, for both blurs.
+TEST(BlurRows, BandsEqualTheWholeImage) {
+  std::mt19937 rng(5);
+  for (uint32_t f : kFormats)
+    for (auto [w, h] : {std::pair{6, 1}, {2, 9}, {47 * 2, 61}, {130, 37}}) {
+      Picture src = random_picture(rng, f, w, h);
+      for (float blur : {0.0f, 1.0f, 3.0f, 7.5f}) {
+        SCOPED_TRACE(name(f) + " " + std::to_string(w) + "x" + std::to_string(h) + " blur " +
+                     std::to_string(blur));
+        for (bool gaussian : {false, true}) {
+          if (gaussian && blur == 0.0f) continue;
+          const auto radius = static_cast<int32_t>(blur);
+          Picture whole(f, w, h), bands(f, w, h, 9);
+          OffscreenImage s = src.desc(), d = whole.desc(), b = bands.desc();
+          ASSERT_EQ(gaussian ? GB_GaussianBlur(nullptr, &s, &d, blur)
+                             : GB_BoxBlur(nullptr, &s, &d, radius), HSEG_OK);
+          for (int32_t y = 0; y < h;) {
+            const int32_t count = std::min<int32_t>(h - y, rng() % 3 == 0 ? 1 : 1 + rng() % 9);
+            ASSERT_EQ(gaussian ? GB_GaussianBlurRows(nullptr, &s, &b, blur, y, count)
+                               : GB_BoxBlurRows(nullptr, &s, &b, radius, y, count), HSEG_OK);
+            EXPECT_TRUE(bands.rows_equal(whole, y, y + count)) << "band at " << y;
+            EXPECT_TRUE(y + count == h || bands.row(y + count)[0] == kPad) << "wrote below";
+            y += count;
+          }
+          EXPECT_TRUE(bands.padding_is(kPad));
+        }
+      }
+    }
+}
+
+// Each SIMD kernel against the plain one, byte for byte: lengths around
+// the vector widths and random ones, inputs and outputs shifted off
+// alignment, outputs pre-filled differently so an unwritten value shows.
+TEST(BlurRowKernels, SimdEqualsPlain) {
+#if defined(HSEG_BLUR_HAVE_X86)
+  using hseg::blur::RowKernels;
+  std::vector<std::pair<const char *, const RowKernels *>> tables = {
+      {"SSE2", &hseg::blur::kRowKernelsSse2}};
+  if (hseg::blur::cpu_has_avx2()) tables.push_back({"AVX2", &hseg::blur::kRowKernelsAvx2});
+  const RowKernels &ref = hseg::blur::kRowKernelsRef;
+  std::mt19937 rng(9);
+  std::vector<int32_t> lengths = {1, 3, 4, 5, 7, 8, 9, 15, 16, 17, 24, 33, 64, 255};
+  for (int i = 0; i < 20; ++i) lengths.push_back(1 + rng() % 700);
+  auto fill = [&](auto &v, uint32_t below) {
+    for (auto &x : v) x = static_cast<std::remove_reference_t<decltype(x)>>(rng() % below);
+  };
+  for (const auto &[isa, k] : tables)
+    for (int32_t n : lengths) {
+      const int off = static_cast<int>(rng() % 4);  // elements off a vector boundary
+      SCOPED_TRACE(std::string(isa) + " n " + std::to_string(n) + " offset " + std::to_string(off));
+      const size_t len = n + off + 8;
+      std::vector<uint8_t> a8(len), s8(len), o8a(len, 0x11), o8b(len, 0xEE);
+      std::vector<uint16_t> a16(len), s16(len), o16a(len, 0x1111), o16b(len, 0xEEEE);
+      std::vector<uint32_t> acc(len), hi(len), lo(len);
+      fill(a8, 256), fill(s8, 256), fill(a16, 65536), fill(s16, 65536), fill(acc, 1u << 30);
+      // Equal inside the row; y, filled with its canary, untouched outside.
+      auto same = [&](const auto &x, const auto &y) {
+        for (size_t i = 0; i < len; ++i)
+          if (i >= size_t(off) && i < size_t(off + n) ? x[i] != y[i] : y[i] != y[len - 1])
+            return false;
+        return true;
+      };
+      // vsum and vsum_norm, both sample widths.
+      for (int w = 0; w < 2; ++w) {
+        std::vector<uint32_t> x = acc, y = acc;
+        const float scale = 65535.0f / (1u << 31);
+        if (w == 0) {
+          ref.vsum_u8(x.data() + off, a8.data() + off, s8.data() + off, n);
+          k->vsum_u8(y.data() + off, a8.data() + off, s8.data() + off, n);
+          ref.vsum_norm_u8(x.data() + off, a8.data() + off, s8.data() + off, n, scale, o16a.data() + off);
+          k->vsum_norm_u8(y.data() + off, a8.data() + off, s8.data() + off, n, scale, o16b.data() + off);
+        } else {
+          ref.vsum_u16(x.data() + off, a16.data() + off, s16.data() + off, n);
+          k->vsum_u16(y.data() + off, a16.data() + off, s16.data() + off, n);
+          ref.vsum_norm_u16(x.data() + off, a16.data() + off, s16.data() + off, n, scale, o16a.data() + off);
+          k->vsum_norm_u16(y.data() + off, a16.data() + off, s16.data() + off, n, scale, o16b.data() + off);
+        }
+        EXPECT_EQ(x, y) << "vsum, sample bytes " << w + 1;
+        EXPECT_TRUE(same(o16a, o16b)) << "vsum_norm, sample bytes " << w + 1;
+      }
+      // Prefix sums of 1 to 3 interleaved channels.
+      for (int32_t ch = 1; ch <= 3; ++ch) {
+        std::vector<uint32_t> x(len + 3), y(len + 3);
+        fill(x, 1u << 31);
+        y = x;
+        ref.scan_u16(a16.data() + off, n, ch, x.data() + off);
+        k->scan_u16(a16.data() + off, n, ch, y.data() + off);
+        EXPECT_EQ(x, y) << "scan_u16, channels " << ch;
+        ref.scan_u32(acc.data() + off, n, ch, x.data() + off);
+        k->scan_u32(acc.data() + off, n, ch, y.data() + off);
+        EXPECT_EQ(x, y) << "scan_u32, channels " << ch;
+      }
+      // Exact division and scaling of window sums (hi - lo wraps).
+      const uint32_t count = 3 + 2 * (rng() % 20000);
+      const hseg::blur::Divisor d = hseg::blur::make_divisor(count);
+      for (size_t i = 0; i < len; ++i) {
+        lo[i] = rng();
+        hi[i] = lo[i] + rng() % (count * 255u + 1);
+      }
+      ref.diff_div_u8(hi.data() + off, lo.data() + off, n, d, o8a.data() + off);
+      k->diff_div_u8(hi.data() + off, lo.data() + off, n, d, o8b.data() + off);
+      EXPECT_TRUE(same(o8a, o8b)) << "diff_div_u8 by " << count;
+      for (size_t i = 0; i < len; ++i) hi[i] = lo[i] + rng() % (count * 3000u);
+      ref.diff_div_u16(hi.data() + off, lo.data() + off, n, d, o16a.data() + off);
+      k->diff_div_u16(hi.data() + off, lo.data() + off, n, d, o16b.data() + off);
+      EXPECT_TRUE(same(o16a, o16b)) << "diff_div_u16 by " << count;
+      ref.diff_norm_u16(hi.data() + off, lo.data() + off, n, 1.0f / count, o16a.data() + off);
+      k->diff_norm_u16(hi.data() + off, lo.data() + off, n, 1.0f / count, o16b.data() + off);
+      EXPECT_TRUE(same(o16a, o16b)) << "diff_norm_u16";
+      ref.diff_norm_u8(hi.data() + off, lo.data() + off, n, 0.08f / count, o8a.data() + off);
+      k->diff_norm_u8(hi.data() + off, lo.data() + off, n, 0.08f / count, o8b.data() + off);
+      EXPECT_TRUE(same(o8a, o8b)) << "diff_norm_u8";
+    }
+#else
+  GTEST_SKIP() << "no SIMD kernels in this build";
+#endif
+}
+
+// The division by multiplication is exact for every sum the box blur can
+// form: checked against plain division at the ends of the range and on
+// random sums for random odd window sizes.
+TEST(BlurRowKernels, DivisorIsExact) {
+  std::mt19937 rng(4);
+  for (int i = 0; i < 2000; ++i) {
+    const uint32_t n = i < 1000 ? 3 + 2 * (rng() % 500) : 3 + 2 * (rng() % (1u << 22));
+    const hseg::blur::Divisor d = hseg::blur::make_divisor(n);
+    const uint32_t top = (1u << 31) - 1 - d.half;
+    for (uint32_t s : {0u, 1u, d.half, n - 1, n, n + d.half, top, top - n, uint32_t(rng() % top)}) {
+      const uint64_t want = (uint64_t{s} + d.half) / n;
+      const uint64_t got = ((uint64_t{s} + d.half) * d.mul) >> (32 + d.shift);
+      ASSERT_EQ(got, want) << s << " / " << n;
+    }
+  }
+}
+
+// Every bad argument, checked before anything is allocated or written.
+TEST(BlurEntries, RejectBadArguments) {
+  Picture a(HSEG_PIXFMT_BGR24, 8, 6), b(HSEG_PIXFMT_BGR24, 8, 6);
+  for (int32_t y = 0; y < 6; ++y) std::memset(b.row(y), 0x5A, b.row_bytes());
+  const OffscreenImage s = a.desc(), d = b.desc();
+  auto with = [](OffscreenImage o, auto change) { change(o); return o; };
+  const MRESULT kBad = HSEG_ERR_BAD_ARGUMENT, kFmt = HSEG_ERR_FORMAT;
+  Picture g16(HSEG_PIXFMT_GRAY16, 8, 6);
+  const OffscreenImage odd16 = with(g16.desc(), [](OffscreenImage &o) { o.planes[0] += 1; });
+  const struct {
+    const char *what;
+    OffscreenImage src, dst;
+    MRESULT want;
+  } cases[] = {
+      {"zero width", with(s, [](auto &o) { o.width = 0; }), d, kBad},
+      {"negative height", s, with(d, [](auto &o) { o.height = -1; }), kBad},
+      {"null source plane", with(s, [](auto &o) { o.planes[0] = nullptr; }), d, kBad},
+      {"short pitch", s, with(d, [](auto &o) { o.pitches[0] = 23; }), kBad},
+      {"other size", s, with(d, [](auto &o) { o.width = 7; }), kBad},
+      {"odd YUY2 width", with(s, [](auto &o) { o.format = HSEG_PIXFMT_YUY2; o.width = 7; }),
+       with(d, [](auto &o) { o.format = HSEG_PIXFMT_YUY2; o.width = 7; }), kBad},
+      {"misaligned 16-bit plane", odd16, with(d, [](auto &o) { o.format = HSEG_PIXFMT_GRAY16; }), kBad},
+      {"other format", s, with(d, [](auto &o) { o.format = HSEG_PIXFMT_GRAY; }), kFmt},
+      {"unknown format", with(s, [](auto &o) { o.format = HSEG_PIXFMT_I420; }),
+       with(d, [](auto &o) { o.format = HSEG_PIXFMT_I420; }), kFmt}};
+  alloc_reset();
+  for (const auto &c : cases) {
+    OffscreenImage dst = c.dst;
+    EXPECT_EQ(GB_BoxBlur(nullptr, &c.src, &dst, 2), c.want) << c.what;
+    EXPECT_EQ(GB_GaussianBlurRows(nullptr, &c.src, &dst, 2.0f, 0, 1), c.want) << c.what;
+  }
+  OffscreenImage dst = d;
+  const struct { const char *what; MRESULT got, want; } calls[] = {
+      {"null source", GB_BoxBlur(nullptr, nullptr, &dst, 1), kBad},
+      {"null destination", GB_GaussianBlur(nullptr, &s, nullptr, 1.0f), kBad},
+      {"negative radius", GB_BoxBlur(nullptr, &s, &dst, -1), kBad},
+      {"zero sigma", GB_GaussianBlur(nullptr, &s, &dst, 0.0f), kBad},
+      {"NaN sigma", GB_GaussianBlur(nullptr, &s, &dst, NAN), kBad},
+      {"infinite sigma", GB_GaussianBlurRows(nullptr, &s, &dst, INFINITY, 0, 6), kBad},
+      {"negative row count", GB_BoxBlurRows(nullptr, &s, &dst, 1, 0, -1), kBad},
+      {"negative first row", GB_BoxBlurRows(nullptr, &s, &dst, 1, -1, 2), kBad},
+      {"rows past the end", GB_GaussianBlurRows(nullptr, &s, &dst, 1.0f, 4, 3), kBad},
+      {"band in place", GB_BoxBlurRows(nullptr, &s, const_cast<OffscreenImage *>(&s), 1, 0, 1), kBad},
+      {"no rows", GB_BoxBlurRows(nullptr, &s, &dst, 1, 6, 0), HSEG_OK}};
+  for (const auto &c : calls) EXPECT_EQ(c.got, c.want) << c.what;
+  EXPECT_EQ(alloc_calls(), 0);
+  for (int32_t y = 0; y < 6; ++y)
+    for (int i = 0; i < b.row_bytes(); ++i) ASSERT_EQ(b.row(y)[i], 0x5A);
+}
+
+// Failing each allocation in turn: status 4, nothing written, nothing
+// leaked; whole, banded and in-place calls.
+TEST(BlurEntries, AllocationFailureWritesNothing) {
+  std::mt19937 rng(2);
+  for (uint32_t f : {HSEG_PIXFMT_YUY2, HSEG_PIXFMT_GRAY16}) {
+    const Picture src = random_picture(rng, f, 20, 9);
+    for (int mode = 0; mode < 6; ++mode) {
+      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+        Picture in = src, out(f, 20, 9);
+        for (int32_t y = 0; y < 9; ++y) std::memset(out.row(y), 0x77, out.row_bytes());
+        OffscreenImage s = in.desc(), d = mode >= 4 ? in.desc() : out.desc();
+        const MRESULT got = mode == 0 ? GB_BoxBlur(nullptr, &s, &d, 3)
+                            : mode == 1 ? GB_GaussianBlur(nullptr, &s, &d, 2.5f)
+                            : mode == 2 ? GB_BoxBlurRows(nullptr, &s, &d, 3, 2, 4)
+                            : mode == 3 ? GB_GaussianBlurRows(nullptr, &s, &d, 2.5f, 2, 4)
+                            : mode == 4 ? GB_BoxBlur(nullptr, &s, &d, 3)
+                                        : GB_GaussianBlur(nullptr, &s, &d, 2.5f);
+        EXPECT_EQ(got, failing == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY) << "mode " << mode;
+        EXPECT_EQ(alloc_live(), 0);
+        if (failing != 0) {
+          EXPECT_TRUE(mode >= 4 ? in.rows_equal(const_cast<Picture &>(src), 0, 9)
+                                : out.padding_is(kPad) && out.row(0)[0] == 0x77);
+        }
+      });
+      EXPECT_EQ(n, 1) << "one work block";
+    }
+  }
+}
+
+// Rows exactly as long as their pitch, against an inaccessible page after
+// (and before) the planes: any read or write outside them faults.
+TEST(BlurEntries, StayInsideTheirPlanes) {
+  std::mt19937 rng(8);
+  for (uint32_t f : kFormats)
+    for (auto mode : {GuardedBuffer::kGuardAfter, GuardedBuffer::kGuardBefore}) {
+      const int32_t w = 34, h = 11, row = w * bytes_per_pixel(f);
+      GuardedBuffer in(static_cast<size_t>(row) * h, mode), out(static_cast<size_t>(row) * h, mode);
+      for (size_t i = 0; i < in.size(); ++i) in.data()[i] = static_cast<uint8_t>(rng());
+      OffscreenImage s{f, w, h, {in.data()}, {row}}, d{f, w, h, {out.data()}, {row}};
+      EXPECT_EQ(GB_BoxBlur(nullptr, &s, &d, 5), HSEG_OK) << name(f);
+      EXPECT_EQ(GB_GaussianBlur(nullptr, &s, &d, 3.0f), HSEG_OK) << name(f);
+      EXPECT_EQ(GB_BoxBlurRows(nullptr, &s, &d, 40, h - 1, 1), HSEG_OK) << name(f);
+      EXPECT_EQ(GB_GaussianBlurRows(nullptr, &s, &d, 9.0f, 0, 2), HSEG_OK) << name(f);
+      EXPECT_EQ(GB_GaussianBlur(nullptr, &s, &s, 1.5f), HSEG_OK) << name(f);
     }
 }
 
