@@ -47,22 +47,51 @@ void vsum_norm(uint32_t *acc, const T *add, const T *sub, int32_t n, float scale
 // back; then add the carry, which holds for each lane the prefix just
 // before the first lane of its channel in this vector.
 template <int CH, typename T>
+inline R scan_block(const T *a, R carry, uint32_t *p) {
+  R x = load_n(a);
+  x = V::add(x, V::template shift_lanes<CH>(x));
+  if (2 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<2 * CH>(x));
+  if (4 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<4 * CH>(x));
+  x = V::add(x, carry);
+  V::store(p, x);
+  return V::template carry<CH>(x);
+}
+
+// The carry chain (an add and a lane permutation a vector) bounds the speed
+// of one prefix, so a long row is scanned as two halves side by side, the
+// second from zero; then the second half gets the first half's last sums
+// added, lane by lane for each lane's channel. The half boundary is a
+// whole number of vectors and of pixels, so the sums are exactly those of
+// one pass (modulo 2^32, like every prefix here).
+template <int CH, typename T>
 void scan_ch(const T *a, int32_t n, uint32_t *p) {
-  int32_t i = 0;
-  if (n >= V::kLanes) {
-    uint32_t start[V::kLanes];
-    for (int j = 0; j < V::kLanes; ++j) start[j] = p[j % CH];
-    R carry = V::load(start);
-    for (; i + V::kLanes <= n; i += V::kLanes) {
-      R x = load_n(a + i);
-      x = V::add(x, V::template shift_lanes<CH>(x));
-      if (2 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<2 * CH>(x));
-      if (4 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<4 * CH>(x));
-      x = V::add(x, carry);
-      V::store(p + CH + i, x);
-      carry = V::template carry<CH>(x);
-    }
+  constexpr int32_t kL = V::kLanes;
+  const int32_t blocks = n / kL;
+  const int32_t half = blocks >= 8 ? blocks / (2 * CH) * CH : 0;  // blocks in the first half
+  uint32_t start[kL + CH];
+  for (int j = 0; j < kL + CH; ++j) start[j] = p[j % CH];
+  R carry_a = V::load(start), carry_b = V::set1(0);
+  const int32_t mid = half * kL;
+  for (int32_t b = 0; b < half; ++b) {
+    carry_a = scan_block<CH>(a + b * kL, carry_a, p + CH + b * kL);
+    carry_b = scan_block<CH>(a + mid + b * kL, carry_b, p + CH + mid + b * kL);
   }
+  int32_t i = 2 * mid;
+  if (half > 0) {
+    for (; i + kL <= n; i += kL) carry_b = scan_block<CH>(a + i, carry_b, p + CH + i);
+    for (; i < n; ++i) p[CH + i] = p[i] + a[i];
+    // p[mid .. mid + CH) hold the first half's last sum of each channel.
+    uint32_t last[kL + CH];
+    for (int j = 0; j < kL + CH; ++j) last[j] = p[mid + j % CH];
+    int32_t k = mid;
+    for (; k + kL <= n; k += kL) {
+      const R add = V::load(last + (k - mid) % CH);
+      V::store(p + CH + k, V::add(V::load(p + CH + k), add));
+    }
+    for (; k < n; ++k) p[CH + k] += last[(k - mid) % CH];
+    return;
+  }
+  for (i = 0; i + kL <= n; i += kL) carry_a = scan_block<CH>(a + i, carry_a, p + CH + i);
   for (; i < n; ++i) p[CH + i] = p[i] + a[i];
 }
 
