@@ -277,6 +277,7 @@ TEST(BlurRowKernels, SimdEqualsPlain) {
       std::vector<uint16_t> a16(len), s16(len), o16a(len, 0x1111), o16b(len, 0xEEEE);
       std::vector<uint32_t> acc(len), hi(len), lo(len);
       fill(a8, 256), fill(s8, 256), fill(a16, 65536), fill(s16, 65536), fill(acc, 1u << 30);
+      fill(lo, 1u << 30);
       // Equal inside the row; y, filled with its canary, untouched outside.
       auto same = [&](const auto &x, const auto &y) {
         for (size_t i = 0; i < len; ++i)
@@ -313,6 +314,9 @@ TEST(BlurRowKernels, SimdEqualsPlain) {
         ref.scan_u32(acc.data() + off, n, ch, x.data() + off);
         k->scan_u32(acc.data() + off, n, ch, y.data() + off);
         EXPECT_EQ(x, y) << "scan_u32, channels " << ch;
+        ref.diff_scan(acc.data() + off + 2, lo.data() + off, n, ch, x.data() + off);
+        k->diff_scan(acc.data() + off + 2, lo.data() + off, n, ch, y.data() + off);
+        EXPECT_EQ(x, y) << "diff_scan, channels " << ch;
       }
       // Exact division and scaling of window sums (hi - lo wraps).
       const uint32_t count = 3 + 2 * (rng() % 20000);

@@ -4,6 +4,7 @@
 //   vsum        a column sum slides down one row: acc += add - sub
 //   vsum_norm   the same, then each sum is scaled to a 16-bit sample
 //   scan        prefix sums of a row of interleaved channels
+//   diff_scan   prefix sums of the window sums of another prefix row
 //   diff_div    window sums from two prefix rows, divided exactly (box blur)
 //   diff_norm   window sums from two prefix rows, scaled (Gaussian passes)
 //
@@ -48,6 +49,8 @@ struct RowKernels {
   // hold the starting sums; p[ch + i] = p[i] + a[i] for i < n.
   void (*scan_u16)(const uint16_t *a, int32_t n, int32_t ch, uint32_t *p);
   void (*scan_u32)(const uint32_t *a, int32_t n, int32_t ch, uint32_t *p);
+  // Prefix sums of window sums: p[ch + i] = p[i] + (hi[i] - lo[i]).
+  void (*diff_scan)(const uint32_t *hi, const uint32_t *lo, int32_t n, int32_t ch, uint32_t *p);
   // out[i] = (hi[i] - lo[i] + d.half) / d.n, i < n (exact; see Divisor).
   void (*diff_div_u8)(const uint32_t *hi, const uint32_t *lo, int32_t n, const Divisor &d,
                       uint8_t *out);

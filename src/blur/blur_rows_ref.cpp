@@ -32,6 +32,10 @@ void scan(const T *a, int32_t n, int32_t ch, uint32_t *p) {
   for (int32_t i = 0; i < n; ++i) p[ch + i] = p[i] + a[i];
 }
 
+void diff_scan(const uint32_t *hi, const uint32_t *lo, int32_t n, int32_t ch, uint32_t *p) {
+  for (int32_t i = 0; i < n; ++i) p[ch + i] = p[i] + (hi[i] - lo[i]);
+}
+
 template <typename T>
 void diff_div(const uint32_t *hi, const uint32_t *lo, int32_t n, const Divisor &d, T *out) {
   for (int32_t i = 0; i < n; ++i) out[i] = static_cast<T>(divide(hi[i] - lo[i], d));
@@ -46,7 +50,8 @@ void diff_norm(const uint32_t *hi, const uint32_t *lo, int32_t n, float scale, T
 
 const RowKernels kRowKernelsRef = {
     vsum<uint8_t>,     vsum<uint16_t>,     vsum_norm<uint8_t>,  vsum_norm<uint16_t>,
-    scan<uint16_t>,    scan<uint32_t>,     diff_div<uint8_t>,   diff_div<uint16_t>,
+    scan<uint16_t>,    scan<uint32_t>,     diff_scan,           diff_div<uint8_t>,
+    diff_div<uint16_t>,
     diff_norm<uint8_t>, diff_norm<uint16_t>};
 
 #if defined(HSEG_BLUR_HAVE_X86)

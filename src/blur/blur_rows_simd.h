@@ -46,9 +46,22 @@ void vsum_norm(uint32_t *acc, const T *add, const T *sub, int32_t n, float scale
 // Stride-CH prefix: within a vector, add the value CH, 2 CH, 4 CH lanes
 // back; then add the carry, which holds for each lane the prefix just
 // before the first lane of its channel in this vector.
-template <int CH, typename T>
-inline R scan_block(const T *a, R carry, uint32_t *p) {
-  R x = load_n(a);
+// What a prefix row sums: samples of a row, or window sums hi - lo.
+template <typename T>
+struct Samples {
+  const T *a;
+  R load(int32_t i) const { return load_n(a + i); }
+  uint32_t at(int32_t i) const { return a[i]; }
+};
+struct WindowSums {
+  const uint32_t *hi, *lo;
+  R load(int32_t i) const { return V::sub(V::load(hi + i), V::load(lo + i)); }
+  uint32_t at(int32_t i) const { return hi[i] - lo[i]; }
+};
+
+template <int CH, typename S>
+inline R scan_block(const S &a, int32_t i, R carry, uint32_t *p) {
+  R x = a.load(i);
   x = V::add(x, V::template shift_lanes<CH>(x));
   if (2 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<2 * CH>(x));
   if (4 * CH < V::kLanes) x = V::add(x, V::template shift_lanes<4 * CH>(x));
@@ -63,8 +76,8 @@ inline R scan_block(const T *a, R carry, uint32_t *p) {
 // added, lane by lane for each lane's channel. The half boundary is a
 // whole number of vectors and of pixels, so the sums are exactly those of
 // one pass (modulo 2^32, like every prefix here).
-template <int CH, typename T>
-void scan_ch(const T *a, int32_t n, uint32_t *p) {
+template <int CH, typename S>
+void scan_ch(const S &a, int32_t n, uint32_t *p) {
   constexpr int32_t kL = V::kLanes;
   const int32_t blocks = n / kL;
   const int32_t half = blocks >= 8 ? blocks / (2 * CH) * CH : 0;  // blocks in the first half
@@ -73,13 +86,13 @@ void scan_ch(const T *a, int32_t n, uint32_t *p) {
   R carry_a = V::load(start), carry_b = V::set1(0);
   const int32_t mid = half * kL;
   for (int32_t b = 0; b < half; ++b) {
-    carry_a = scan_block<CH>(a + b * kL, carry_a, p + CH + b * kL);
-    carry_b = scan_block<CH>(a + mid + b * kL, carry_b, p + CH + mid + b * kL);
+    carry_a = scan_block<CH>(a, b * kL, carry_a, p + CH + b * kL);
+    carry_b = scan_block<CH>(a, mid + b * kL, carry_b, p + CH + mid + b * kL);
   }
   int32_t i = 2 * mid;
   if (half > 0) {
-    for (; i + kL <= n; i += kL) carry_b = scan_block<CH>(a + i, carry_b, p + CH + i);
-    for (; i < n; ++i) p[CH + i] = p[i] + a[i];
+    for (; i + kL <= n; i += kL) carry_b = scan_block<CH>(a, i, carry_b, p + CH + i);
+    for (; i < n; ++i) p[CH + i] = p[i] + a.at(i);
     // p[mid .. mid + CH) hold the first half's last sum of each channel.
     uint32_t last[kL + CH];
     for (int j = 0; j < kL + CH; ++j) last[j] = p[mid + j % CH];
@@ -91,12 +104,12 @@ void scan_ch(const T *a, int32_t n, uint32_t *p) {
     for (; k < n; ++k) p[CH + k] += last[(k - mid) % CH];
     return;
   }
-  for (i = 0; i + kL <= n; i += kL) carry_a = scan_block<CH>(a + i, carry_a, p + CH + i);
-  for (; i < n; ++i) p[CH + i] = p[i] + a[i];
+  for (i = 0; i + kL <= n; i += kL) carry_a = scan_block<CH>(a, i, carry_a, p + CH + i);
+  for (; i < n; ++i) p[CH + i] = p[i] + a.at(i);
 }
 
-template <typename T>
-void scan(const T *a, int32_t n, int32_t ch, uint32_t *p) {
+template <typename S>
+void scan_any(const S &a, int32_t n, int32_t ch, uint32_t *p) {
   if (ch == 3) {
     scan_ch<3>(a, n, p);
   } else if (ch == 2) {
@@ -104,6 +117,15 @@ void scan(const T *a, int32_t n, int32_t ch, uint32_t *p) {
   } else {
     scan_ch<1>(a, n, p);
   }
+}
+
+template <typename T>
+void scan(const T *a, int32_t n, int32_t ch, uint32_t *p) {
+  scan_any(Samples<T>{a}, n, ch, p);
+}
+
+void diff_scan(const uint32_t *hi, const uint32_t *lo, int32_t n, int32_t ch, uint32_t *p) {
+  scan_any(WindowSums{hi, lo}, n, ch, p);
 }
 
 template <typename T>
@@ -128,7 +150,8 @@ void diff_norm(const uint32_t *hi, const uint32_t *lo, int32_t n, float scale, T
 
 constexpr hseg::blur::RowKernels kTable = {
     vsum<uint8_t>,      vsum<uint16_t>,     vsum_norm<uint8_t>, vsum_norm<uint16_t>,
-    scan<uint16_t>,     scan<uint32_t>,     diff_div<uint8_t>,  diff_div<uint16_t>,
+    scan<uint16_t>,     scan<uint32_t>,     diff_scan,          diff_div<uint8_t>,
+    diff_div<uint16_t>,
     diff_norm<uint8_t>, diff_norm<uint16_t>};
 
 #endif  // HSEG_SRC_BLUR_BLUR_ROWS_SIMD_H_

@@ -40,7 +40,7 @@ struct GaussBuffers {
   uint16_t *zero;    // a row of zeros: what leaves a window still filling
   uint16_t *col;     // one row after the vertical passes
   uint16_t *ext[2];  // a row continued past its ends, and the next pass's
-  uint32_t *p;       // prefix sums along the continued row
+  uint32_t *p[2];    // prefix sums along the continued row, and the next pass's
   uint8_t *rows;     // scratch rows for planes that are not contiguous
 };
 
@@ -58,7 +58,8 @@ GaussBuffers carve_gauss(Carver &c, const PlaneView &v, const GaussRadii &gx,
   b.col = c.take<uint16_t>(n);
   b.ext[0] = c.take<uint16_t>(ext);
   b.ext[1] = c.take<uint16_t>(ext);
-  b.p = c.take<uint32_t>(ext + v.ch);
+  b.p[0] = c.take<uint32_t>(ext + v.ch);
+  b.p[1] = c.take<uint32_t>(ext + v.ch);
   b.rows = c.take<uint8_t>(plane_rows_bytes(v));
   return b;
 }
@@ -100,6 +101,9 @@ class GaussPlane {
     hscale_[0] = inverse(width_of(gx.r[0]));
     hscale_[1] = inverse(width_of(gx.r[1]));
     hscale_[2] = inverse(width_of(gx.r[2]), 1.0 / gain);
+    const int64_t product = width_of(gx.r[0]) * width_of(gx.r[1]) * width_of(gx.r[2]);
+    exact_rows_ = product < 32768;  // 65535 * product < 2^31
+    hscale_exact_ = inverse(product, 1.0 / gain);
   }
 
   // Output row y needs second-pass rows y - ry[2] .. y + ry[2], which need
@@ -160,20 +164,51 @@ class GaussPlane {
     std::copy(b_.col, b_.col + n_, e + pad * ch);
     for (int64_t i = pad + w; i < w + 2 * pad; ++i)
       std::copy(b_.col + (w - 1) * ch, b_.col + n_, e + i * ch);
-    int64_t len = w + 2 * pad;  // pixels in the current row
+    const int64_t len = w + 2 * pad;  // pixels in the continued row
+    std::fill(b_.p[0], b_.p[0] + ch, 0u);
+    k_.scan_u16(e, static_cast<int32_t>(len * ch), ch, b_.p[0]);
+    if (exact_rows_) {
+      blur_row_exact(len, out);
+    } else {
+      blur_row_scaled(len, out);
+    }
+  }
+
+  // Each pass's window sums scaled back to 16 bits before the next pass.
+  void blur_row_scaled(int64_t len, T *out) {
+    const int32_t ch = v_.ch;
     for (int pass = 0; pass < 3; ++pass) {
       const int64_t r = gx_.r[pass];
-      std::fill(b_.p, b_.p + ch, 0u);
-      k_.scan_u16(b_.ext[pass & 1], static_cast<int32_t>(len * ch), ch, b_.p);
+      if (pass > 0) {
+        std::fill(b_.p[0], b_.p[0] + ch, 0u);
+        k_.scan_u16(b_.ext[pass & 1], static_cast<int32_t>(len * ch), ch, b_.p[0]);
+      }
       len -= 2 * r;
-      const uint32_t *hi = b_.p + (2 * r + 1) * ch;
+      const uint32_t *hi = b_.p[0] + (2 * r + 1) * ch;
       const int32_t count = static_cast<int32_t>(len * ch);
       if (pass < 2) {
-        diff_norm(k_, hi, b_.p, count, hscale_[pass], b_.ext[(pass + 1) & 1]);
+        diff_norm(k_, hi, b_.p[0], count, hscale_[pass], b_.ext[(pass + 1) & 1]);
       } else {
-        diff_norm(k_, hi, b_.p, count, hscale_[pass], out);
+        diff_norm(k_, hi, b_.p[0], count, hscale_[pass], out);
       }
     }
+  }
+
+  // When the sums of all three passes stay below 2^31 (pass widths whose
+  // product is below 32768, sigma up to about 15), the passes chain exact
+  // window sums, prefix of window sums of prefix, and scale once.
+  void blur_row_exact(int64_t len, T *out) {
+    const int32_t ch = v_.ch;
+    for (int pass = 0; pass < 2; ++pass) {
+      const int64_t r = gx_.r[pass];
+      len -= 2 * r;
+      uint32_t *from = b_.p[pass & 1], *to = b_.p[(pass + 1) & 1];
+      std::fill(to, to + ch, 0u);
+      k_.diff_scan(from + (2 * r + 1) * ch, from, static_cast<int32_t>(len * ch), ch, to);
+    }
+    const int64_t r = gx_.r[2];
+    diff_norm(k_, b_.p[0] + (2 * r + 1) * ch, b_.p[0], static_cast<int32_t>((len - 2 * r) * ch),
+              hscale_exact_, out);
   }
 
   const RowKernels &k_;
@@ -181,7 +216,8 @@ class GaussPlane {
   const GaussRadii gx_, gy_;
   const int32_t n_;
   GaussBuffers b_;
-  float vscale_[3], hscale_[3];
+  float vscale_[3], hscale_[3], hscale_exact_;
+  bool exact_rows_;
 };
 
 }  // namespace
