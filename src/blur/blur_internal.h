@@ -15,8 +15,8 @@ namespace blur {
 // base + y * pitch + offset + x * pixel_step + c * chan_step, `bytes` wide
 // (1, or 2 for native-endian 16-bit samples, whose rows are then 2-aligned).
 // A plane whose samples follow each other in memory is read and written in
-// place; any other (the Y or the U,V samples of YUY2) goes through a
-// contiguous row of scratch.
+// place; any other (the Y or the U,V samples of YUY2, always bytes) goes
+// through a contiguous row of scratch.
 struct PlaneView {
   const uint8_t *src;
   int64_t src_pitch;
@@ -45,10 +45,13 @@ class PlaneRows {
     const uint8_t *row = v_.src + y * v_.src_pitch;
     if (v_.contiguous()) return reinterpret_cast<const T *>(row);
     T *s = scratch_[slot];
-    for (int32_t x = 0; x < v_.width; ++x)
-      for (int32_t c = 0; c < v_.ch; ++c)
-        std::memcpy(&s[x * v_.ch + c], row + v_.offset + x * v_.pixel_step + c * v_.chan_step,
-                    sizeof(T));
+    const uint8_t *p = row + v_.offset;
+    const int32_t step = v_.pixel_step, cs = v_.chan_step;
+    if (v_.ch == 1) {
+      for (int32_t x = 0; x < v_.width; ++x) s[x] = p[x * step];
+    } else {  // the U,V pairs of YUY2
+      for (int32_t x = 0; x < v_.width; ++x) s[2 * x] = p[x * step], s[2 * x + 1] = p[x * step + cs];
+    }
     return s;
   }
   // Where output row y is to be written; then call put_row(y).
@@ -57,11 +60,16 @@ class PlaneRows {
   }
   void put_row(int64_t y) const {
     if (v_.contiguous()) return;
-    uint8_t *row = v_.dst + y * v_.dst_pitch;
-    for (int32_t x = 0; x < v_.width; ++x)
-      for (int32_t c = 0; c < v_.ch; ++c)
-        std::memcpy(row + v_.offset + x * v_.pixel_step + c * v_.chan_step,
-                    &out_[x * v_.ch + c], sizeof(T));
+    uint8_t *p = v_.dst + y * v_.dst_pitch + v_.offset;
+    const int32_t step = v_.pixel_step, cs = v_.chan_step;
+    if (v_.ch == 1) {
+      for (int32_t x = 0; x < v_.width; ++x) p[x * step] = static_cast<uint8_t>(out_[x]);
+    } else {
+      for (int32_t x = 0; x < v_.width; ++x) {
+        p[x * step] = static_cast<uint8_t>(out_[2 * x]);
+        p[x * step + cs] = static_cast<uint8_t>(out_[2 * x + 1]);
+      }
+    }
   }
 
  private:

@@ -88,9 +88,10 @@ OffscreenImage gray(uint8_t *data, int32_t w, int32_t h, int32_t pitch) {
 // One channel of a frame as the mixing sees it: sample (x, y) at
 // planes[p] + y * pitch + offset + x * step in frame, background and
 // output alike (the background may lay it out differently, see below),
-// covering sx x sy pixels.
+// covering sx x sy pixels. BGR is one channel of three samples a pixel
+// (spp), stepped by 1.
 struct Channel {
-  int plane, offset, step, sx, sy;
+  int plane, offset, step, sx, sy, spp;
 };
 
 // The channels of each format. YUY2 chroma covers two pixels of a row,
@@ -98,25 +99,25 @@ struct Channel {
 int channels_of(uint32_t format, Channel ch[3]) {
   switch (format) {
     case HSEG_PIXFMT_BGR24:
-      for (int c = 0; c < 3; ++c) ch[c] = {0, c, 3, 1, 1};
-      return 3;
+      ch[0] = {0, 0, 1, 1, 1, 3};
+      return 1;
     case HSEG_PIXFMT_YUY2:
-      ch[0] = {0, 0, 2, 1, 1};
-      ch[1] = {0, 1, 4, 2, 1};
-      ch[2] = {0, 3, 4, 2, 1};
+      ch[0] = {0, 0, 2, 1, 1, 1};
+      ch[1] = {0, 1, 4, 2, 1, 1};
+      ch[2] = {0, 3, 4, 2, 1, 1};
       return 3;
     case HSEG_PIXFMT_I420:
-      ch[0] = {0, 0, 1, 1, 1};
-      ch[1] = {1, 0, 1, 2, 2};
-      ch[2] = {2, 0, 1, 2, 2};
+      ch[0] = {0, 0, 1, 1, 1, 1};
+      ch[1] = {1, 0, 1, 2, 2, 1};
+      ch[2] = {2, 0, 1, 2, 2, 1};
       return 3;
     case HSEG_PIXFMT_NV21:
-      ch[0] = {0, 0, 1, 1, 1};
-      ch[1] = {1, 0, 2, 2, 2};
-      ch[2] = {1, 1, 2, 2, 2};
+      ch[0] = {0, 0, 1, 1, 1, 1};
+      ch[1] = {1, 0, 2, 2, 2, 1};
+      ch[2] = {1, 1, 2, 2, 2, 1};
       return 3;
     default:
-      ch[0] = {0, 0, 1, 1, 1};
+      ch[0] = {0, 0, 1, 1, 1, 1};
       return 1;
   }
 }
@@ -131,31 +132,67 @@ Samples samples_of(const OffscreenImage &img, const Channel &c) {
   return {img.planes[c.plane] + c.offset, img.pitches[c.plane], c.step};
 }
 
-// Mixes one channel: alpha of each sample is the rounded mean of the
-// feathered mask over the pixels it covers (clipped to the frame).
-void mix_channel(const OffscreenImage &frame, const Channel &c, const Samples &bg,
-                 const uint8_t *alpha, int32_t alpha_pitch, OffscreenImage *out, uint16_t *arow) {
+// Alpha of each sample of a row of samples covering sx x sy pixels: the
+// rounded mean of the feathered mask over them, clipped to the frame.
+// Pixel-sized samples read the mask row itself.
+const uint8_t *alpha_row(const uint8_t *alpha, int32_t w, int32_t h, int32_t sx, int32_t sy,
+                         int32_t cy, uint8_t *arow) {
+  const uint8_t *a0 = alpha + int64_t{cy} * sy * w;
+  if (sx == 1 && sy == 1) return a0;
+  const uint8_t *a1 = cy * sy + 1 < h ? a0 + w : a0;  // a last odd row counts once
+  const int32_t cw = (w + 1) / 2;
+  for (int32_t cx = 0; cx < cw; ++cx) {
+    const int32_t x0 = 2 * cx, x1 = std::min(w - 1, x0 + 1);  // likewise a last odd column
+    const uint32_t sum = sy == 2 ? a0[x0] + a0[x1] + a1[x0] + a1[x1] : 2u * (a0[x0] + a0[x1]);
+    arow[cx] = static_cast<uint8_t>((sum + 2) / 4);
+  }
+  return arow;
+}
+
+// Mixes one row of a channel: n alphas, each for spp samples.
+// (v + 127) / 255 for v <= 255 * 255 is (t + (t >> 8)) >> 8 with t = v + 128
+// (checked for every v); t stays below 2^16, so the loops vectorize in
+// 16-bit lanes.
+inline uint8_t mix(uint32_t f, uint32_t b, uint32_t a) {
+  const uint32_t t = f * a + b * (255u - a) + 128u;
+  return static_cast<uint8_t>((t + (t >> 8)) >> 8);
+}
+template <int kSpp>
+void mix_row_packed(const uint8_t *f, const uint8_t *b, const uint8_t *a, int32_t n, uint8_t *o) {
+  for (int32_t i = 0; i < n; ++i)
+    for (int k = 0; k < kSpp; ++k) o[kSpp * i + k] = mix(f[kSpp * i + k], b[kSpp * i + k], a[i]);
+}
+void mix_row(const Channel &c, const uint8_t *f, int fstep, const uint8_t *b, int bstep,
+             const uint8_t *a, int32_t n, uint8_t *o) {
+  if (fstep == 1 && bstep == 1 && c.step == 1) {
+    if (c.spp == 3) return mix_row_packed<3>(f, b, a, n, o);
+    return mix_row_packed<1>(f, b, a, n, o);
+  }
+  for (int32_t i = 0; i < n; ++i) o[i * c.step] = mix(f[i * fstep], b[i * bstep], a[i]);
+}
+
+// Mixes every channel of the frame, a row of alphas at a time for the
+// channels that share it.
+void mix_frame(const OffscreenImage &frame, const Channel *ch, const Samples *bg, int n,
+               const uint8_t *alpha, OffscreenImage *out, uint8_t *arow) {
   const int32_t w = frame.width, h = frame.height;
-  const int32_t cw = (w + c.sx - 1) / c.sx, chh = (h + c.sy - 1) / c.sy;
-  const Samples fg = samples_of(frame, c);
-  uint8_t *const out_base = out->planes[c.plane] + c.offset;
-  const int64_t out_pitch = out->pitches[c.plane];
-  for (int32_t cy = 0; cy < chh; ++cy) {
-    const int32_t y0 = cy * c.sy, y1 = std::min(h, y0 + c.sy);
-    for (int32_t cx = 0; cx < cw; ++cx) {
-      const int32_t x0 = cx * c.sx, x1 = std::min(w, x0 + c.sx);
-      uint32_t sum = 0, n = 0;
-      for (int32_t y = y0; y < y1; ++y)
-        for (int32_t x = x0; x < x1; ++x, ++n) sum += alpha[int64_t{y} * alpha_pitch + x];
-      arow[cx] = static_cast<uint16_t>((sum + n / 2) / n);
-    }
-    const uint8_t *f = fg.base + cy * fg.pitch;
-    const uint8_t *b = bg.base + cy * bg.pitch;
-    uint8_t *o = out_base + cy * out_pitch;
-    for (int32_t cx = 0; cx < cw; ++cx) {
-      const uint32_t a = arow[cx];
-      o[cx * c.step] = static_cast<uint8_t>(
-          (f[cx * fg.step] * a + b[cx * bg.step] * (255u - a) + 127u) / 255u);
+  for (int sub = 1; sub <= 2; ++sub) {  // pixel-sized channels, then chroma
+    int first = -1;
+    for (int i = 0; i < n && first < 0; ++i)
+      if ((ch[i].sx == 1) == (sub == 1)) first = i;
+    if (first < 0) continue;
+    const int32_t sx = ch[first].sx, sy = ch[first].sy;
+    const int32_t cw = (w + sx - 1) / sx, rows = (h + sy - 1) / sy;
+    for (int32_t cy = 0; cy < rows; ++cy) {
+      const uint8_t *a = alpha_row(alpha, w, h, sx, sy, cy, arow);
+      for (int i = first; i < n; ++i) {
+        const Channel &c = ch[i];
+        if (c.sx != sx) continue;
+        const Samples fg = samples_of(frame, c);
+        uint8_t *o = out->planes[c.plane] + int64_t{cy} * out->pitches[c.plane] + c.offset;
+        mix_row(c, fg.base + cy * fg.pitch, fg.step, bg[i].base + cy * bg[i].pitch, bg[i].step, a,
+                cw, o);
+      }
     }
   }
 }
@@ -240,32 +277,33 @@ MRESULT apply(MHandle mem, const OffscreenImage &frame, const OffscreenImage &ma
   const bool blur = e.kind == HSEG_BACKGROUND_BLUR;
   // Work block: alpha, the resized mask, a row of chroma alphas, and the
   // blurred frame when blurring.
-  const int64_t bytes = 2 * pixels + 2 * int64_t{w} + (blur ? frame_bytes(frame) : 0);
+  const int64_t bytes = 2 * pixels + w + (blur ? frame_bytes(frame) : 0);
   if (bytes > INT32_MAX) return HSEG_ERR_NO_MEMORY;
   Block block(static_cast<uint8_t *>(MMemAlloc(mem, static_cast<int32_t>(bytes))),
               BlockDeleter{mem});
   if (block == nullptr) return HSEG_ERR_NO_MEMORY;
   uint8_t *alpha = block.get(), *spare = alpha + pixels;
-  auto *arow = reinterpret_cast<uint16_t *>(spare + pixels);  // 2-aligned: pixels*2 is even
+  uint8_t *arow = spare + pixels;
   MRESULT s = make_alpha(mem, mask, w, h, spare, alpha);
   if (s != HSEG_OK) return s;
 
   OffscreenImage bg = blur ? OffscreenImage{} : *e.picture;
   if (blur) {
-    s = blur_frame(mem, frame, e.sigma, spare + pixels + 2 * int64_t{w}, &bg);
+    s = blur_frame(mem, frame, e.sigma, arow + w, &bg);
     if (s != HSEG_OK) return s;
   }
   Channel ch[3];
+  Samples b[3];
   const int n = channels_of(frame.format, ch);
   for (int i = 0; i < n; ++i) {
-    Samples b = samples_of(bg, ch[i]);
+    b[i] = samples_of(bg, ch[i]);
     if (blur && frame.format == HSEG_PIXFMT_NV21 && ch[i].plane == 1) {
       // The blurred chroma is in two planes: V, then U.
       const int32_t cw = (w + 1) / 2;
-      b = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * ((h + 1) / 2)), cw, 1};
+      b[i] = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * ((h + 1) / 2)), cw, 1};
     }
-    mix_channel(frame, ch[i], b, alpha, w, out, arow);
   }
+  mix_frame(frame, ch, b, n, alpha, out, arow);
   return HSEG_OK;
 }
 
