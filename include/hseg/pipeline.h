@@ -287,8 +287,9 @@ HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenIm
  *   format, every plane (no conversion through BGR). out may be the frame
  *   itself (the same planes); other overlaps are not allowed. Bytes between
  *   rows are not touched.
- * - mask: any size, one byte a pixel through plane 0 and pitch 0 (the format
- *   code is not read), 255 person, 0 background, values between blend. It
+ * - mask: any size up to 65536 pixels a side, one byte a pixel through plane
+ *   0 and pitch 0 (the format code is not read), 255 person, 0 background,
+ *   values between blend. It
  *   is resized bilinearly to the frame and feathered by a Gaussian of
  *   max(1, min(width, height) / 256) pixels, then used as alpha:
  *   out = (frame * a + background * (255 - a) + 127) / 255 per sample, so an
@@ -299,8 +300,8 @@ HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenIm
  *   released before the call returns; nothing is kept between calls, so a
  *   video loop just calls again for each frame.
  * - Returns HSEG_OK; HSEG_ERR_BAD_ARGUMENT for NULL records, a missing plane,
- *   a size below 1, a short pitch, an odd YUY2 width, an out or picture of
- *   another size, or a bad effect; HSEG_ERR_FORMAT for a frame format not
+ *   a size below 1 (or a mask side above 65536), a short pitch, an odd YUY2
+ *   width, an out or picture of another size, or a bad effect; HSEG_ERR_FORMAT for a frame format not
  *   listed or an out or picture of another format; HSEG_ERR_NO_MEMORY when
  *   memory fails. Arguments are checked before anything is allocated; on
  *   any failure out is not written. */

@@ -54,8 +54,12 @@ MRESULT check_frame(const OffscreenImage *frame, const OffscreenImage *out) {
   return check_like(frame, out);
 }
 
+// The bilinear resizer takes sources of up to 65536 pixels a side.
+constexpr int32_t kMaxMaskSide = 65536;
+
 MRESULT check_mask(const OffscreenImage *mask) {
   if (mask == nullptr || mask->planes[0] == nullptr || mask->width < 1 || mask->height < 1 ||
+      mask->width > kMaxMaskSide || mask->height > kMaxMaskSide ||
       mask->pitches[0] < mask->width)
     return HSEG_ERR_BAD_ARGUMENT;
   return HSEG_OK;
