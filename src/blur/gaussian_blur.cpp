@@ -122,30 +122,26 @@ class GaussPlane {
       vsum_t(b_.acc[0], rows.src_row(y, 0), zero_t);
 
     for (int64_t t1 = t1_first; t1 < t1_end; ++t1) {
-      uint16_t *row1 = b_.ring1 + (t1 - t1_first) % size1 * n_;
-      const T *leaving0 = t1 == t1_first ? zero_t : rows.src_row(t1 - r0 - 1, 1);
-      vsum_norm(k_, b_.acc[0], rows.src_row(t1 + r0, 0), leaving0, n_, vscale_[0], row1);
-      const uint16_t *leaving1 =
-          t1 - 2 * r1 - 1 >= t1_first ? b_.ring1 + (t1 - 2 * r1 - 1 - t1_first) % size1 * n_
-                                      : b_.zero;
-      if (t1 < t1_first + 2 * r1) {
-        k_.vsum_u16(b_.acc[1], row1, leaving1, n_);
-        continue;
+      // Pass 1 makes row t1; pass 2 row t2 = t1 - r1 once its window is
+      // full, pass 3 row y = t2 - r2 once its window is.
+      const int64_t t2 = t1 - r1, y = t2 - r2;
+      const int phase = t1 < t1_first + 2 * r1 ? 1 : t2 < t2_first + 2 * r2 ? 2 : 3;
+      Step s;
+      s.add0 = rows.src_row(t1 + r0, 0);
+      s.leave0 = t1 == t1_first ? zero_t : rows.src_row(t1 - r0 - 1, 1);
+      s.row1 = b_.ring1 + (t1 - t1_first) % size1 * n_;
+      s.leave1 = t1 - 2 * r1 - 1 >= t1_first
+                     ? b_.ring1 + (t1 - 2 * r1 - 1 - t1_first) % size1 * n_
+                     : b_.zero;
+      s.row2 = b_.ring2 + (t2 - t2_first) % size2 * n_;
+      s.leave2 = t2 - 2 * r2 - 1 >= t2_first
+                     ? b_.ring2 + (t2 - 2 * r2 - 1 - t2_first) % size2 * n_
+                     : b_.zero;
+      column_step(s, phase);
+      if (phase == 3) {
+        blur_row(rows.dst_row(y));
+        rows.put_row(y);
       }
-      const int64_t t2 = t1 - r1;
-      uint16_t *row2 = b_.ring2 + (t2 - t2_first) % size2 * n_;
-      k_.vsum_norm_u16(b_.acc[1], row1, leaving1, n_, vscale_[1], row2);
-      const uint16_t *leaving2 =
-          t2 - 2 * r2 - 1 >= t2_first ? b_.ring2 + (t2 - 2 * r2 - 1 - t2_first) % size2 * n_
-                                      : b_.zero;
-      if (t2 < t2_first + 2 * r2) {
-        k_.vsum_u16(b_.acc[2], row2, leaving2, n_);
-        continue;
-      }
-      k_.vsum_norm_u16(b_.acc[2], row2, leaving2, n_, vscale_[2], b_.col);
-      const int64_t y = t2 - r2;
-      blur_row(rows.dst_row(y));
-      rows.put_row(y);
     }
   }
 
@@ -153,6 +149,38 @@ class GaussPlane {
   void vsum_t(uint32_t *acc, const uint8_t *a, const uint8_t *s) { k_.vsum_u8(acc, a, s, n_); }
   void vsum_t(uint32_t *acc, const uint16_t *a, const uint16_t *s) {
     k_.vsum_u16(acc, a, s, n_);
+  }
+
+  // The rows one step of the vertical passes reads and writes.
+  struct Step {
+    const T *add0, *leave0;  // source rows entering and leaving pass 1's window
+    uint16_t *row1;          // pass 1's new row
+    const uint16_t *leave1;  // the pass-1 row leaving pass 2's window
+    uint16_t *row2;          // pass 2's new row (phases 2 and 3)
+    const uint16_t *leave2;  // the pass-2 row leaving pass 3's window
+  };
+
+  // One step of the three vertical passes, block by block of columns so
+  // that a block's sums and rows stay in the first-level cache from pass to
+  // pass. Phase 1: pass 2 is still filling its window; phase 2: pass 3 is;
+  // phase 3: every pass emits, pass 3 into b_.col.
+  void column_step(const Step &s, int phase) {
+    constexpr int32_t kBlock = 1024;
+    uint32_t *const *acc = b_.acc;
+    for (int32_t i = 0; i < n_; i += kBlock) {
+      const int32_t m = std::min(kBlock, n_ - i);
+      vsum_norm(k_, acc[0] + i, s.add0 + i, s.leave0 + i, m, vscale_[0], s.row1 + i);
+      if (phase == 1) {
+        k_.vsum_u16(acc[1] + i, s.row1 + i, s.leave1 + i, m);
+        continue;
+      }
+      k_.vsum_norm_u16(acc[1] + i, s.row1 + i, s.leave1 + i, m, vscale_[1], s.row2 + i);
+      if (phase == 2) {
+        k_.vsum_u16(acc[2] + i, s.row2 + i, s.leave2 + i, m);
+        continue;
+      }
+      k_.vsum_norm_u16(acc[2] + i, s.row2 + i, s.leave2 + i, m, vscale_[2], b_.col + i);
+    }
   }
 
   // The three horizontal passes over b_.col, continued at both ends.
