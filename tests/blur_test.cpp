@@ -261,83 +261,65 @@ TEST(BlurRowKernels, SimdEqualsPlain) {
   std::vector<std::pair<const char *, const RowKernels *>> tables = {
       {"SSE2", &hseg::blur::kRowKernelsSse2}};
   if (hseg::blur::cpu_has_avx2()) tables.push_back({"AVX2", &hseg::blur::kRowKernelsAvx2});
-  const RowKernels &ref = hseg::blur::kRowKernelsRef;
   std::mt19937 rng(9);
   std::vector<int32_t> lengths = {1, 3, 4, 5, 7, 8, 9, 15, 16, 17, 24, 33, 64, 255};
   for (int i = 0; i < 20; ++i) lengths.push_back(1 + rng() % 700);
-  auto fill = [&](auto &v, uint32_t below) {
-    for (auto &x : v) x = static_cast<std::remove_reference_t<decltype(x)>>(rng() % below);
-  };
   for (const auto &[isa, k] : tables)
     for (int32_t n : lengths) {
-      const int off = static_cast<int>(rng() % 4);  // elements off a vector boundary
-      SCOPED_TRACE(std::string(isa) + " n " + std::to_string(n) + " offset " + std::to_string(off));
-      const size_t len = n + off + 8;
-      std::vector<uint8_t> a8(len), s8(len), o8a(len, 0x11), o8b(len, 0xEE);
-      std::vector<uint16_t> a16(len), s16(len), o16a(len, 0x1111), o16b(len, 0xEEEE);
-      std::vector<uint32_t> acc(len), hi(len), lo(len);
-      fill(a8, 256), fill(s8, 256), fill(a16, 65536), fill(s16, 65536), fill(acc, 1u << 30);
-      fill(lo, 1u << 30);
-      // Equal inside the row; y, filled with its canary, untouched outside.
-      auto same = [&](const auto &x, const auto &y) {
-        for (size_t i = 0; i < len; ++i)
-          if (i >= size_t(off) && i < size_t(off + n) ? x[i] != y[i] : y[i] != y[len - 1])
-            return false;
-        return true;
-      };
-      // vsum and vsum_norm, both sample widths.
-      for (int w = 0; w < 2; ++w) {
-        std::vector<uint32_t> x = acc, y = acc;
-        const float scale = 65535.0f / (1u << 31);
-        if (w == 0) {
-          ref.vsum_u8(x.data() + off, a8.data() + off, s8.data() + off, n);
-          k->vsum_u8(y.data() + off, a8.data() + off, s8.data() + off, n);
-          ref.vsum_norm_u8(x.data() + off, a8.data() + off, s8.data() + off, n, scale, o16a.data() + off);
-          k->vsum_norm_u8(y.data() + off, a8.data() + off, s8.data() + off, n, scale, o16b.data() + off);
-        } else {
-          ref.vsum_u16(x.data() + off, a16.data() + off, s16.data() + off, n);
-          k->vsum_u16(y.data() + off, a16.data() + off, s16.data() + off, n);
-          ref.vsum_norm_u16(x.data() + off, a16.data() + off, s16.data() + off, n, scale, o16a.data() + off);
-          k->vsum_norm_u16(y.data() + off, a16.data() + off, s16.data() + off, n, scale, o16b.data() + off);
-        }
-        EXPECT_EQ(x, y) << "vsum, sample bytes " << w + 1;
-        EXPECT_TRUE(same(o16a, o16b)) << "vsum_norm, sample bytes " << w + 1;
-      }
-      // Prefix sums of 1 to 3 interleaved channels.
-      for (int32_t ch = 1; ch <= 3; ++ch) {
-        std::vector<uint32_t> x(len + 3), y(len + 3);
-        fill(x, 1u << 31);
-        y = x;
-        ref.scan_u16(a16.data() + off, n, ch, x.data() + off);
-        k->scan_u16(a16.data() + off, n, ch, y.data() + off);
-        EXPECT_EQ(x, y) << "scan_u16, channels " << ch;
-        ref.scan_u32(acc.data() + off, n, ch, x.data() + off);
-        k->scan_u32(acc.data() + off, n, ch, y.data() + off);
-        EXPECT_EQ(x, y) << "scan_u32, channels " << ch;
-        ref.diff_scan(acc.data() + off + 2, lo.data() + off, n, ch, x.data() + off);
-        k->diff_scan(acc.data() + off + 2, lo.data() + off, n, ch, y.data() + off);
-        EXPECT_EQ(x, y) << "diff_scan, channels " << ch;
-      }
-      // Exact division and scaling of window sums (hi - lo wraps).
-      const uint32_t count = 3 + 2 * (rng() % 20000);
+      const int o = static_cast<int>(rng() % 4);  // elements off a vector boundary
+      SCOPED_TRACE(std::string(isa) + " n " + std::to_string(n) + " offset " + std::to_string(o));
+      const size_t len = n + o + 11;
+      const uint32_t count = 3 + 2 * (rng() % 20000);  // a window size
       const hseg::blur::Divisor d = hseg::blur::make_divisor(count);
+      std::vector<uint8_t> a8(len), s8(len);
+      std::vector<uint16_t> a16(len), s16(len);
+      std::vector<uint32_t> acc(len), hi(len), lo(len), hi16(len);
       for (size_t i = 0; i < len; ++i) {
-        lo[i] = rng();
-        hi[i] = lo[i] + rng() % (count * 255u + 1);
+        a8[i] = uint8_t(rng()), s8[i] = uint8_t(rng()), a16[i] = uint16_t(rng());
+        s16[i] = uint16_t(rng()), acc[i] = rng() >> 2, lo[i] = rng();
+        hi[i] = lo[i] + rng() % (count * 255u + 1);  // window sums of 8-bit samples
+        hi16[i] = lo[i] + rng() % (count * 3000u);
       }
-      ref.diff_div_u8(hi.data() + off, lo.data() + off, n, d, o8a.data() + off);
-      k->diff_div_u8(hi.data() + off, lo.data() + off, n, d, o8b.data() + off);
-      EXPECT_TRUE(same(o8a, o8b)) << "diff_div_u8 by " << count;
-      for (size_t i = 0; i < len; ++i) hi[i] = lo[i] + rng() % (count * 3000u);
-      ref.diff_div_u16(hi.data() + off, lo.data() + off, n, d, o16a.data() + off);
-      k->diff_div_u16(hi.data() + off, lo.data() + off, n, d, o16b.data() + off);
-      EXPECT_TRUE(same(o16a, o16b)) << "diff_div_u16 by " << count;
-      ref.diff_norm_u16(hi.data() + off, lo.data() + off, n, 1.0f / count, o16a.data() + off);
-      k->diff_norm_u16(hi.data() + off, lo.data() + off, n, 1.0f / count, o16b.data() + off);
-      EXPECT_TRUE(same(o16a, o16b)) << "diff_norm_u16";
-      ref.diff_norm_u8(hi.data() + off, lo.data() + off, n, 0.08f / count, o8a.data() + off);
-      k->diff_norm_u8(hi.data() + off, lo.data() + off, n, 0.08f / count, o8b.data() + off);
-      EXPECT_TRUE(same(o8a, o8b)) << "diff_norm_u8";
+      // Runs `call` with the plain kernels into `x` and the SIMD ones into
+      // `y` (y pre-filled with its last value); equal inside [o, o + n),
+      // y untouched outside (with `all`, every element must match).
+      auto check = [&](const char *what, auto x, auto call, bool all = false) {
+        auto y = x;
+        std::fill(x.begin(), x.end(), 0x11), std::fill(y.begin(), y.end(), 0xEE);
+        if (all) y = x;
+        call(hseg::blur::kRowKernelsRef, x.data() + o), call(*k, y.data() + o);
+        for (size_t i = 0; i < len; ++i) {
+          const bool inside = all || (i >= size_t(o) && i < size_t(o + n));
+          ASSERT_EQ(inside ? x[i] : 0xEE, y[i]) << what << " at " << i;
+        }
+      };
+      const std::vector<uint8_t> b8(len);
+      const std::vector<uint16_t> b16(len);
+      const float sc = 65535.0f / (1u << 31);
+      for (int ch = 1; ch <= 3; ++ch) {
+        check("scan_u16", acc, [&](auto &t, uint32_t *p) { t.scan_u16(a16.data() + o, n, ch, p); }, true);
+        check("scan_u32", acc, [&](auto &t, uint32_t *p) { t.scan_u32(acc.data() + o, n, ch, p); }, true);
+        check("diff_scan", acc, [&](auto &t, uint32_t *p) {
+          t.diff_scan(acc.data() + o + 2, lo.data() + o, n, ch, p); }, true);
+      }
+      auto run_vsum = [&](auto &t, uint32_t *a, bool wide) {
+        if (wide) t.vsum_u16(a, a16.data() + o, s16.data() + o, n);
+        else t.vsum_u8(a, a8.data() + o, s8.data() + o, n);
+      };
+      for (bool wide : {false, true}) {
+        std::vector<uint32_t> x = acc, y = acc;
+        run_vsum(hseg::blur::kRowKernelsRef, x.data() + o, wide), run_vsum(*k, y.data() + o, wide);
+        EXPECT_EQ(x, y) << "vsum, 16-bit " << wide;
+        check("vsum_norm", b16, [&](auto &t, uint16_t *out) {
+          std::vector<uint32_t> a = acc;
+          if (wide) t.vsum_norm_u16(a.data() + o, a16.data() + o, s16.data() + o, n, sc, out);
+          else t.vsum_norm_u8(a.data() + o, a8.data() + o, s8.data() + o, n, sc, out);
+        });
+      }
+      check("diff_div_u8", b8, [&](auto &t, uint8_t *out) { t.diff_div_u8(hi.data() + o, lo.data() + o, n, d, out); });
+      check("diff_div_u16", b16, [&](auto &t, uint16_t *out) { t.diff_div_u16(hi16.data() + o, lo.data() + o, n, d, out); });
+      check("diff_norm_u16", b16, [&](auto &t, uint16_t *out) { t.diff_norm_u16(hi16.data() + o, lo.data() + o, n, 1.0f / count, out); });
+      check("diff_norm_u8", b8, [&](auto &t, uint8_t *out) { t.diff_norm_u8(hi16.data() + o, lo.data() + o, n, 0.08f / count, out); });
     }
 #else
   GTEST_SKIP() << "no SIMD kernels in this build";

@@ -23,10 +23,11 @@
  *   in float, the same way in every code path). Results do not depend on
  *   the CPU's instruction set: the SIMD paths give the plain path's bytes.
  * - Work memory: one block from MMemAlloc(mem, ...), returned before the call
- *   ends. Box blur: about 4 bytes a sample (8 past radius 1447 for 8-bit
- *   samples, past 90 for 16-bit). Gaussian: about (4 sigma + 8) rows of
- *   2 bytes a sample. Whole-image calls with src and dst overlapping add a
- *   copy of the source. No pointer is kept after a call.
+ *   ends. Box blur: 8 bytes a sample of one row (16 to 24 past radius 1447
+ *   for 8-bit samples, past 90 for 16-bit, where sums outgrow 31 bits and
+ *   the plain code takes them). Gaussian: about 4 sigma + 16 rows of 2 bytes
+ *   a sample. YUY2 adds three rows; a whole-image call with src and dst
+ *   overlapping adds a copy of the source. No pointer is kept after a call.
  * - Statuses: HSEG_OK; HSEG_ERR_BAD_ARGUMENT for a NULL src, dst or plane,
  *   a width or height below 1, a pitch shorter than a row, an odd YUY2
  *   width, a misaligned GRAY16 plane or pitch, a dst of another size, a
