@@ -220,9 +220,10 @@ MRESULT make_alpha(MHandle mem, const OffscreenImage &mask, int32_t w, int32_t h
 }
 
 // The blurred frame, planes packed, in `bg` (laid out as bg_desc says). An
-// NV21 frame's V,U pairs are blurred as two separate planes.
-MRESULT blur_frame(MHandle mem, const OffscreenImage &frame, float sigma, uint8_t *bg,
-                   OffscreenImage *bg_desc) {
+// NV21 frame's V,U pairs are split into two planes in `scratch` (half a
+// frame's pixels) and blurred from there into plane 1 of bg_desc, V above U.
+MRESULT blur_frame(MHandle mem, const OffscreenImage &frame, float sigma, uint8_t *scratch,
+                   uint8_t *bg, OffscreenImage *bg_desc) {
   const int32_t w = frame.width, h = frame.height;
   *bg_desc = frame;
   const int planes = pixfmt::plane_count(frame.format);
@@ -249,19 +250,18 @@ MRESULT blur_frame(MHandle mem, const OffscreenImage &frame, float sigma, uint8_
     }
     return s;
   }
-  // NV21: plane 1 of bg_desc becomes the V plane, then the U plane below it.
-  uint8_t *v = bg_desc->planes[1], *u = v + int64_t{cw} * chh;
+  const int64_t chroma = int64_t{cw} * chh;
   for (int32_t cy = 0; cy < chh; ++cy) {
     const uint8_t *vu = frame.planes[1] + int64_t{cy} * frame.pitches[1];
     for (int32_t cx = 0; cx < cw; ++cx) {
-      v[int64_t{cy} * cw + cx] = vu[2 * cx];
-      u[int64_t{cy} * cw + cx] = vu[2 * cx + 1];
+      scratch[cy * cw + cx] = vu[2 * cx];
+      scratch[chroma + cy * cw + cx] = vu[2 * cx + 1];
     }
   }
-  for (uint8_t *c : {v, u}) {
-    if (s != HSEG_OK) break;
-    OffscreenImage g = gray(c, cw, chh, cw);
-    s = GB_GaussianBlur(mem, &g, &g, csigma);
+  for (int i = 0; i < 2 && s == HSEG_OK; ++i) {
+    const OffscreenImage c = gray(scratch + i * chroma, cw, chh, cw);
+    OffscreenImage bc = gray(bg_desc->planes[1] + i * chroma, cw, chh, cw);
+    s = GB_GaussianBlur(mem, &c, &bc, csigma);
   }
   return s;
 }
@@ -293,7 +293,7 @@ MRESULT apply(MHandle mem, const OffscreenImage &frame, const OffscreenImage &ma
 
   OffscreenImage bg = blur ? OffscreenImage{} : *e.picture;
   if (blur) {
-    s = blur_frame(mem, frame, e.sigma, arow + w, &bg);
+    s = blur_frame(mem, frame, e.sigma, spare, arow + w, &bg);  // the resized mask is spent
     if (s != HSEG_OK) return s;
   }
   Channel ch[3];
