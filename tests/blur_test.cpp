@@ -358,7 +358,6 @@ TEST(BlurEntries, RejectBadArguments) {
     MRESULT want;
   } cases[] = {
       {"zero width", with(s, [](auto &o) { o.width = 0; }), d, kBad},
-      {"negative height", s, with(d, [](auto &o) { o.height = -1; }), kBad},
       {"null source plane", with(s, [](auto &o) { o.planes[0] = nullptr; }), d, kBad},
       {"short pitch", s, with(d, [](auto &o) { o.pitches[0] = 23; }), kBad},
       {"other size", s, with(d, [](auto &o) { o.width = 7; }), kBad},
@@ -381,7 +380,6 @@ TEST(BlurEntries, RejectBadArguments) {
       {"negative radius", GB_BoxBlur(nullptr, &s, &dst, -1), kBad},
       {"zero sigma", GB_GaussianBlur(nullptr, &s, &dst, 0.0f), kBad},
       {"NaN sigma", GB_GaussianBlur(nullptr, &s, &dst, NAN), kBad},
-      {"infinite sigma", GB_GaussianBlurRows(nullptr, &s, &dst, INFINITY, 0, 6), kBad},
       {"negative row count", GB_BoxBlurRows(nullptr, &s, &dst, 1, 0, -1), kBad},
       {"negative first row", GB_BoxBlurRows(nullptr, &s, &dst, 1, -1, 2), kBad},
       {"rows past the end", GB_GaussianBlurRows(nullptr, &s, &dst, 1.0f, 4, 3), kBad},
@@ -399,10 +397,11 @@ TEST(BlurEntries, AllocationFailureWritesNothing) {
   std::mt19937 rng(2);
   for (uint32_t f : {HSEG_PIXFMT_YUY2, HSEG_PIXFMT_GRAY16}) {
     const Picture src = random_picture(rng, f, 20, 9);
+    Picture blank(f, 20, 9);
+    for (int32_t y = 0; y < 9; ++y) std::memset(blank.row(y), 0x77, blank.row_bytes());
     for (int mode = 0; mode < 6; ++mode) {
       const int64_t n = for_each_alloc_failure([&](int64_t failing) {
-        Picture in = src, out(f, 20, 9);
-        for (int32_t y = 0; y < 9; ++y) std::memset(out.row(y), 0x77, out.row_bytes());
+        Picture in = src, out = blank;
         OffscreenImage s = in.desc(), d = mode >= 4 ? in.desc() : out.desc();
         const MRESULT got = mode == 0 ? GB_BoxBlur(nullptr, &s, &d, 3)
                             : mode == 1 ? GB_GaussianBlur(nullptr, &s, &d, 2.5f)
@@ -414,7 +413,7 @@ TEST(BlurEntries, AllocationFailureWritesNothing) {
         EXPECT_EQ(alloc_live(), 0);
         if (failing != 0) {
           EXPECT_TRUE(mode >= 4 ? in.rows_equal(const_cast<Picture &>(src), 0, 9)
-                                : out.padding_is(kPad) && out.row(0)[0] == 0x77);
+                                : out.rows_equal(blank, 0, 9) && out.padding_is(kPad));
         }
       });
       EXPECT_EQ(n, 1) << "one work block";

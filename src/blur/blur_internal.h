@@ -84,7 +84,8 @@ inline int64_t plane_rows_bytes(const PlaneView &v) {
 }
 
 // Box blur of rows [y0, y1) of a plane with a (2 rx + 1) x (2 ry + 1)
-// window. `work` holds box_work_bytes(v, rx) bytes (16-byte aligned).
+// window. `work` holds box_work_bytes(v, rx, ry) bytes, aligned as
+// MMemAlloc aligns (16 bytes).
 int64_t box_work_bytes(const PlaneView &v, int32_t rx, int32_t ry);
 void box_plane(const RowKernels &k, const PlaneView &v, int32_t rx, int32_t ry, int32_t y0,
                int32_t y1, void *work);
@@ -101,8 +102,9 @@ void gauss_plane(const RowKernels &k, const PlaneView &v, const GaussRadii &gx,
 // Copies rows [y0, y1) of the plane unchanged.
 void copy_plane(const PlaneView &v, int32_t y0, int32_t y1);
 
-// Carves consecutive 32-byte-aligned arrays out of one work block; with a
-// null base it only counts the bytes.
+// Carves consecutive arrays out of one work block, each starting a multiple
+// of 32 bytes after the block (so as aligned as the block); with a null base
+// it only counts the bytes.
 class Carver {
  public:
   explicit Carver(void *base) : base_(static_cast<uint8_t *>(base)) {}
