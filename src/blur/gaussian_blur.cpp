@@ -18,7 +18,9 @@
 //
 // Arithmetic. Window sums are exact integers; each pass divides its sums
 // by its width in float, rounding to a 16-bit intermediate that carries 8
-// fraction bits for 8-bit samples (16-bit samples keep none). Every value
+// fraction bits for 8-bit samples (16-bit samples keep none), except that
+// along a row narrow passes chain their exact sums and divide once (see
+// blur_row_exact). Every value
 // depends only on its position, never on where the call started, so any
 // strip of rows comes out byte for byte as in the whole image.
 //
