@@ -7,3 +7,7 @@ target_compile_definitions(network_bench PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SO
 # ---- segmentation entry ----
 hseg_add_bench(segment_bench LIBS hseg_pipeline SOURCES segment_bench.cpp)
 # ---- end of segmentation entry ----
+
+# ---- background effects ----
+hseg_add_bench(effects_bench LIBS hseg_pipeline SOURCES effects_bench.cpp)
+# ---- end of background effects ----

@@ -20,5 +20,31 @@ int main(void) {
     o.format = HSEG_PIXFMT_BGR24;
     (void)o;
   }
+  {
+    /* A blur and a background effect called from C. */
+    uint8_t px[4 * 3] = {0, 30, 60, 90, 120, 150, 180, 210, 240, 10, 20, 30};
+    uint8_t out[4 * 3];
+    uint8_t mask[1] = {0};
+    OffscreenImage s, d, m;
+    memset(&s, 0, sizeof s);
+    s.format = HSEG_PIXFMT_BGR24;
+    s.width = 4;
+    s.height = 1;
+    s.planes[0] = px;
+    s.pitches[0] = 12;
+    d = s;
+    d.planes[0] = out;
+    m = s;
+    m.format = HSEG_PIXFMT_GRAY;
+    m.width = 1;
+    m.planes[0] = mask;
+    m.pitches[0] = 1;
+    if (GB_BoxBlur(mem, &s, &d, 0) != HSEG_OK || memcmp(px, out, sizeof px) != 0 ||
+        GB_GaussianBlurRows(mem, &s, &d, 1.5f, 0, 1) != HSEG_OK ||
+        HsegBlurBackground(mem, &s, &m, 2.0f, &d) != HSEG_OK) {
+      fprintf(stderr, "blur from C failed\n");
+      return 1;
+    }
+  }
   return 0;
 }

@@ -37,3 +37,7 @@ if(TARGET hseg-segment)
   add_dependencies(segment_tool_test hseg-segment)
 endif()
 # ---- end of segmentation entry ----
+
+# ---- background effects ----
+hseg_add_test(effects_test LIBS hseg_pipeline SOURCES effects_test.cpp)
+# ---- end of background effects ----

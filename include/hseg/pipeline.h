@@ -274,6 +274,76 @@ HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenIm
 
 /* ---- end of segmentation entry ---- */
 
+/* ---- background effects ---- */
+
+/* A frame composited through a person mask with a blurred copy of itself or
+ * with another picture: the person stays sharp, the background changes.
+ *
+ * Common to the functions below:
+ * - frame: HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2 (even width),
+ *   HSEG_PIXFMT_I420, HSEG_PIXFMT_NV21 or HSEG_PIXFMT_GRAY, with the planes
+ *   and pitches Hseg reads for them (I420: each plane with its own pitch).
+ * - out: the frame's format and size; the result is written there in that
+ *   format, every plane (no conversion through BGR). out may be the frame
+ *   itself (the same planes); other overlaps are not allowed. Bytes between
+ *   rows are not touched.
+ * - mask: any size up to 65536 pixels a side, one byte a pixel through plane
+ *   0 and pitch 0 (the format code is not read), 255 person, 0 background,
+ *   values between blend. It
+ *   is resized bilinearly to the frame and feathered by a Gaussian of
+ *   max(1, min(width, height) / 256) pixels, then used as alpha:
+ *   out = (frame * a + background * (255 - a) + 127) / 255 per sample, so an
+ *   all-255 mask gives the frame and an all-0 mask the background, exactly.
+ *   A chroma sample takes the mean alpha of the pixels it covers.
+ * - Memory: one work block of about 2 bytes a pixel (plus the blurred frame
+ *   when blurring), and the blur's own, all from MMemAlloc(mem, ...) and
+ *   released before the call returns; nothing is kept between calls, so a
+ *   video loop just calls again for each frame.
+ * - Returns HSEG_OK; HSEG_ERR_BAD_ARGUMENT for NULL records, a missing plane,
+ *   a size below 1 (or a mask side above 65536), a short pitch, an odd YUY2
+ *   width, an out or picture of another size, or a bad effect; HSEG_ERR_FORMAT for a frame format not
+ *   listed or an out or picture of another format; HSEG_ERR_NO_MEMORY when
+ *   memory fails. Arguments are checked before anything is allocated; on
+ *   any failure out is not written. */
+
+/* Blurs the background: the frame blurred with GB_GaussianBlur of `sigma`
+ * (pixels; chroma planes at half resolution get sigma / 2 along their
+ * halved axes) behind the sharp person. sigma must be finite and above 0. */
+HSEG_API MRESULT HsegBlurBackground(MHandle mem, const OffscreenImage *frame,
+                                    const OffscreenImage *mask, float sigma,
+                                    OffscreenImage *out);
+
+/* Replaces the background with `picture`, which has the frame's format and
+ * size. */
+HSEG_API MRESULT HsegReplaceBackground(MHandle mem, const OffscreenImage *frame,
+                                       const OffscreenImage *mask, const OffscreenImage *picture,
+                                       OffscreenImage *out);
+
+#define HSEG_BACKGROUND_BLUR 0u    /* blur the background by `sigma` */
+#define HSEG_BACKGROUND_REPLACE 1u /* show `picture` behind the person */
+
+/* An effect for HsegSegmentBackground. Set `size` to
+ * sizeof(HsegBackgroundEffect); the record may grow at its end. */
+typedef struct HsegBackgroundEffect {
+  uint32_t size;
+  uint32_t kind;                 /* HSEG_BACKGROUND_BLUR or _REPLACE */
+  float sigma;                   /* blur: Gaussian sigma in pixels */
+  const OffscreenImage *picture; /* replace: the new background */
+} HsegBackgroundEffect;
+
+/* Segments the frame with HsegEx(mem, frame, mask, options) into a 473x473
+ * mask (the segmentation's own resolution) and applies `effect` through it:
+ * the call most applications want, once per frame. Arguments are checked
+ * before the segmentation runs; HsegEx's statuses pass up unchanged (for
+ * I420 give both chroma planes the same pitch, as Hseg requires). The
+ * segmentation's memory is Hseg's; the effect adds the above. */
+HSEG_API MRESULT HsegSegmentBackground(MHandle mem, const OffscreenImage *frame,
+                                       const HsegOptions *options,
+                                       const HsegBackgroundEffect *effect,
+                                       OffscreenImage *out);
+
+/* ---- end of background effects ---- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

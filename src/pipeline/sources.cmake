@@ -17,3 +17,9 @@ hseg_sources(pipeline
   src/pipeline/segment.cpp
 )
 # ---- end of segmentation entry ----
+
+# ---- background effects ----
+hseg_sources(pipeline
+  src/pipeline/effects.cpp
+)
+# ---- end of background effects ----

@@ -1,0 +1,64 @@
+// Background effects on a 1280x720 frame with a given 473x473 mask (the
+// segmentation's own size): time per frame, per frame format.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "common/pixfmt.h"
+#include "hseg/pipeline.h"
+
+namespace {
+
+constexpr int32_t kW = 1280, kH = 720, kMask = 473;
+
+struct Frame {
+  std::vector<uint8_t> planes[3];
+  OffscreenImage d{};
+  Frame(uint32_t format, uint32_t seed) {
+    std::mt19937 rng(seed);
+    d.format = format;
+    d.width = kW;
+    d.height = kH;
+    for (int i = 0; i < hseg::pixfmt::plane_count(format); ++i) {
+      const auto row = static_cast<int32_t>(hseg::pixfmt::row_bytes(format, i, kW));
+      planes[i].resize(size_t(row) * hseg::pixfmt::plane_rows(format, i, kH));
+      for (auto &v : planes[i]) v = static_cast<uint8_t>(rng());
+      d.planes[i] = planes[i].data();
+      d.pitches[i] = row;
+    }
+  }
+};
+
+// A person-shaped blob: an ellipse in the middle of the mask.
+std::vector<uint8_t> blob_mask() {
+  std::vector<uint8_t> m(size_t(kMask) * kMask);
+  for (int y = 0; y < kMask; ++y)
+    for (int x = 0; x < kMask; ++x) {
+      const double dx = (x - kMask / 2.0) / (kMask * 0.25), dy = (y - kMask * 0.6) / (kMask * 0.45);
+      m[size_t(y) * kMask + x] = dx * dx + dy * dy < 1.0 ? 255 : 0;
+    }
+  return m;
+}
+
+// Arguments: frame format, effect (0 blur sigma 12, 1 replace).
+void BM_BackgroundEffect720p(benchmark::State &state) {
+  const auto format = static_cast<uint32_t>(state.range(0));
+  const Frame frame(format, 1), picture(format, 2);
+  Frame out(format, 3);
+  std::vector<uint8_t> m = blob_mask();
+  const OffscreenImage mask{HSEG_PIXFMT_GRAY, kMask, kMask, {m.data()}, {kMask}};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        state.range(1) == 0 ? HsegBlurBackground(nullptr, &frame.d, &mask, 12.0f, &out.d)
+                            : HsegReplaceBackground(nullptr, &frame.d, &mask, &picture.d, &out.d));
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_BackgroundEffect720p)
+    ->ArgsProduct({{HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_I420, HSEG_PIXFMT_NV21},
+                   {0, 1}})
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
