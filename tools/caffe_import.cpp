@@ -80,8 +80,11 @@ bool Planner::blob_count(int layer, size_t count, const char *what) {
 bool is_vector_of(const std::vector<int64_t> &shape, int64_t n) {
   int64_t other = 1;
   int big = 0;
-  for (int64_t d : shape)
-    if (d != 1) other = d, ++big;
+  for (int64_t d : shape) {
+    if (d == 1) continue;
+    other = d;
+    ++big;
+  }
   return big == 0 ? n == 1 : big == 1 && other == n;
 }
 
@@ -95,7 +98,8 @@ bool Planner::check_blob(int layer, int blob, const BlobWant &want) {
     return fail(where + " has shape " + hseg_weights::shape_text(b.shape) + ", expected " +
                 hseg_weights::shape_text(want.shape));
   uint64_t count = 0;
-  hseg_weights::shape_count(want.shape, &count);  // table shapes: small
+  if (!hseg_weights::shape_count(want.shape, &count))  // only a classifier's class count can be
+    return fail(where + " has shape " + hseg_weights::shape_text(b.shape) + ", which is too large");
   if (b.floats > 0 && b.doubles > 0)
     return fail(where + " holds both float and double values");
   if (b.values() != count)

@@ -8,7 +8,7 @@
 //   hseg-weights refs OUT.s
 //   hseg-weights export LIBDEEPLAB_DATA.so OUT.safetensors
 //   hseg-weights table
-//   hseg-weights import-caffe [--classes BG,PERSON] [--verbose] MODEL.caffemodel OUT.safetensors
+//   hseg-weights import-caffe MODEL.caffemodel OUT.safetensors [--classes BG,PERSON] [--verbose]
 //   hseg-weights check-lib LIBDEEPLAB_DATA.so
 //
 // Every tensor name, symbol and shape comes from the layer table in
@@ -75,9 +75,9 @@ int usage() {
                "  %s refs OUT.s                            the network's table of weight symbols\n"
                "  %s export LIB.so OUT.safetensors         weights of a built library, back to a file\n"
                "  %s table                                 tensor names and shapes as Markdown\n"
-               "  %s import-caffe [--classes BG,PERSON] [--verbose] MODEL.caffemodel OUT.safetensors\n"
-               "                                                convert the PSPNet Caffe model\n"
-               "                                                (classes default 0,15)\n"
+               "  %s import-caffe MODEL.caffemodel OUT.safetensors [--classes BG,PERSON] [--verbose]\n"
+               "                                               convert the public PSPNet Caffe model,\n"
+               "                                               classes 0 and 15 by default\n"
                "  %s check-lib LIB.so                      check a data library's symbols and values\n",
                kProgram, kProgram, kProgram, kProgram, kProgram, kProgram, kProgram, kProgram,
                kProgram);
@@ -436,7 +436,7 @@ int cmd_check_lib(std::string lib) {
   void *handle = dlopen(lib.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) return fail(lib, std::string("cannot load it: ") + dlerror());
   link_map *map = nullptr;
-  dlinfo(handle, RTLD_DI_LINKMAP, &map);
+  if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr) error = "cannot locate it once loaded";
   std::vector<const float *> data(kNetTensorCount);
   for (int i = 0; i < kNetTensorCount && error.empty(); ++i) {
     // Read each array where the symbol table says it is, and make sure that
