@@ -1,8 +1,7 @@
 #include "support/caffe_writer.h"
 
-#include <cstdio>
 #include <cstring>
-#include <memory>
+#include <fstream>
 #include <random>
 
 #include "pipeline/net_layers.h"
@@ -185,24 +184,15 @@ ProtoMessage caffe_model(const std::vector<CaffeLayer> &layers, bool record) {
 }
 
 bool write_caffe_model(const std::string &path, const std::vector<CaffeLayer> &layers) {
-  std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(path.c_str(), "wb"), std::fclose);
-  if (!f) return false;
-  bool ok = true;
-  ProtoMessage name;
-  name.bytes_field(kNetName, kNetNameText, sizeof kNetNameText - 1);
-  ok = std::fwrite(name.bytes().data(), 1, name.bytes().size(), f.get()) == name.bytes().size();
-  for (const CaffeLayer &l : layers) {
-    if (!ok) break;
-    const ProtoMessage fields = top_fields(l, false);
-    ok = std::fwrite(fields.bytes().data(), 1, fields.bytes().size(), f.get()) == fields.bytes().size();
-  }
-  return std::fclose(f.release()) == 0 && ok;
+  std::ofstream f(path, std::ios::binary);
+  f << caffe_model({}, false).bytes();  // the net's name
+  for (const CaffeLayer &l : layers) f << top_fields(l, false).bytes();
+  return static_cast<bool>(f.flush());
 }
 
-PspnetCaffeLayers::PspnetCaffeLayers(const std::function<const float *(int)> &tensor, int background,
-                                     int person, uint32_t seed) {
+PspnetCaffeLayers::PspnetCaffeLayers(const std::function<const float *(int)> &tensor) {
   using hseg::kNetLayers;
-  std::mt19937 rng(seed);
+  std::mt19937 rng(1);
   std::uniform_real_distribution<float> uniform(-0.5f, 0.5f);
   const auto random = [&](std::vector<float> *v, size_t n, float offset) {
     v->resize(n);
@@ -237,7 +227,7 @@ PspnetCaffeLayers::PspnetCaffeLayers(const std::function<const float *(int)> &te
   random(&conv6_kernel_, kClasses * kIn, 0.0f);
   random(&conv6_bias_, kClasses, 0.0f);
   for (int plane = 0; plane < 2; ++plane) {
-    const int row = plane == 0 ? background : person;
+    const int row = plane == 0 ? 0 : 15;  // VOC's background and person
     std::memcpy(&conv6_kernel_[row * kIn], tensor(fc8) + plane * kIn, kIn * sizeof(float));
     conv6_bias_[row] = tensor(fc8 + 1)[plane];
   }

@@ -75,12 +75,11 @@ bool write_caffe_model(const std::string &path, const std::vector<CaffeLayer> &l
 // its kernel, then "L/bn" with scale, shift, mean and variance (shaped
 // 1xCx1x1 and C in turn); ReLU, Interp and Dropout layers without blobs; an
 // auxiliary head conv4_24 with its batch norm; and the 21-class classifier
-// "conv6" whose rows `background` and `person` are the network's two
+// "conv6" whose rows 0 (background) and 15 (person) are the network's two
 // classifier rows and biases, the other rows random.
 class PspnetCaffeLayers {
  public:
-  PspnetCaffeLayers(const std::function<const float *(int)> &tensor, int background = 0,
-                    int person = 15, uint32_t seed = 1);
+  explicit PspnetCaffeLayers(const std::function<const float *(int)> &tensor);
   std::vector<CaffeLayer> layers;
   // Layers with no tensor of the network: what the importer skips.
   static constexpr int kExtraLayers = 8;
