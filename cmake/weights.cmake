@@ -26,6 +26,9 @@ add_executable(hseg-weights
   tools/hseg_weights.cpp
   tools/hseg_weights_io.cpp
   tools/hseg_weights_synth.cpp
+  tools/caffe_model.cpp
+  tools/caffe_import.cpp
+  tools/elf_symbols.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_kernels.cpp
   src/pipeline/network.cpp)

@@ -8,10 +8,10 @@ target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 
 # The weights file reader on small files, and the hseg-weights program on the
-# build's weights file and data library.
+# build's weights file and data library, and on small generated data libraries.
 hseg_add_test(weights_tool_test SOURCES weights_tool_test.cpp
-  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
-target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp ${PROJECT_SOURCE_DIR}/src/pipeline/net_layers.cpp)
+target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(weights_tool_test PRIVATE nlohmann_json::nlohmann_json)
 if(HSEG_WEIGHTS)
   set(synthetic 0)
@@ -22,8 +22,25 @@ target_compile_definitions(weights_tool_test PRIVATE
   HSEG_WEIGHTS_TOOL="$<TARGET_FILE:hseg-weights>"
   HSEG_WEIGHTS_FILE="${HSEG_WEIGHTS_FILE}"
   HSEG_DATA_LIBRARY="$<TARGET_FILE:deeplab_data>"
-  HSEG_WEIGHTS_SYNTHETIC=${synthetic})
+  HSEG_WEIGHTS_SYNTHETIC=${synthetic}
+  HSEG_C_COMPILER="${CMAKE_C_COMPILER}")
 add_dependencies(weights_tool_test hseg-weights deeplab_data)
+
+# Importing the public Caffe model: one full-size round trip through the tool
+# and two network passes (seconds), then damaged files, mostly in process.
+hseg_add_test(caffe_import_test LIBS hseg_pipeline SOURCES caffe_import_test.cpp
+  support/caffe_writer.cpp
+  ${PROJECT_SOURCE_DIR}/tools/caffe_model.cpp
+  ${PROJECT_SOURCE_DIR}/tools/caffe_import.cpp
+  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
+target_include_directories(caffe_import_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+target_link_libraries(caffe_import_test PRIVATE nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
+target_compile_definitions(caffe_import_test PRIVATE
+  HSEG_WEIGHTS_TOOL="$<TARGET_FILE:hseg-weights>"
+  HSEG_WEIGHTS_FILE="${HSEG_WEIGHTS_FILE}"
+  HSEG_WEIGHTS_SYNTHETIC=${synthetic}
+  HSEG_C_COMPILER="${CMAKE_C_COMPILER}")
+add_dependencies(caffe_import_test hseg-weights)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----

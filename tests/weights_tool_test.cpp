@@ -1,8 +1,7 @@
 // The weights file reader on every kind of bad file, and the hseg-weights
-// program on the build's weights file and data library.
+// program on the build's weights file and data library, and on data
+// libraries with one thing wrong.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -14,17 +13,17 @@
 #include <vector>
 
 #include "hseg_weights_io.h"
+#include "pipeline/net_layers.h"
+#include "support/tool_run.h"
 
 namespace {
+
+using hseg_test::shell_quoted;
+using hseg_test::temp_path;
 
 const std::vector<hseg_weights::TensorShape> kShapes = {
     {"a.weight", {2, 3}}, {"a.bias", {2}}, {"b.weight", {1, 1, 2, 2}}};
 constexpr size_t kDataBytes = (6 + 2 + 4) * 4;
-
-// Per process, so that two builds can run this test at once.
-std::string temp_path(const std::string &name) {
-  return testing::TempDir() + "hseg_weights_" + std::to_string(getpid()) + "_" + name;
-}
 
 std::vector<uint8_t> read_bytes(const std::string &path) {
   std::ifstream f(path, std::ios::binary);
@@ -131,13 +130,9 @@ TEST(WeightsFile, EachKindOfBadFileIsRejectedWithItsMessage) {
 #if defined(HSEG_WEIGHTS_TOOL)
 // Runs a command line and returns its exit status and output (both streams).
 int run(const std::string &cmd, std::string *output) {
-  FILE *p = popen((cmd + " 2>&1").c_str(), "r");
-  if (p == nullptr) return -1;
-  char buf[4096];
-  output->clear();
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output->append(buf, n);
-  const int status = pclose(p);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  const hseg_test::RunResult r = hseg_test::run(cmd);
+  *output = r.out + r.err;
+  return r.status;
 }
 
 const std::string kTool = HSEG_WEIGHTS_TOOL;
@@ -175,6 +170,66 @@ TEST(WeightsTool, ExportRoundTripIsByteIdentical) {
 #endif
   std::remove(exported.c_str());
   EXPECT_EQ(run(kTool + " export /nonexistent/libdeeplab_data.so '" + exported + "'", &out), 1);
+}
+
+// Assembly of a data library with one thing changed in tensor `tensor`:
+// kernels are zeros in .bss (so the file stays small), the other arrays 1.0.
+enum class Change { kNone, kMissing, kShort, kNaN, kZero };
+std::string library_asm(Change change, int tensor) {
+  std::string s = "\t.section .note.GNU-stack,\"\",@progbits\n";
+  for (int i = 0; i < hseg::kNetTensorCount; ++i) {
+    const hseg::NetTensor t = hseg::net_tensor(i);
+    const bool changed = i == tensor;
+    if (changed && change == Change::kMissing) continue;
+    const int64_t n = t.count - (changed && change == Change::kShort ? 1 : 0);
+    char sym[96];
+    hseg::net_tensor_symbol(i, sym, sizeof sym);
+    const bool kernel = t.part == hseg::NetPart::kKernel;
+    s += kernel ? "\t.bss\n" : "\t.section .rodata\n";
+    s += std::string("\t.globl ") + sym + "\n\t.type " + sym + ", @object\n\t.size " + sym + ", " +
+         std::to_string(4 * n) + "\n\t.balign 64\n" + sym + ":\n";
+    const char *value = changed && change == Change::kZero ? "0" : "0x3f800000";
+    if (kernel) {
+      s += "\t.zero " + std::to_string(4 * n) + "\n";
+    } else if (changed && change == Change::kNaN) {
+      s += "\t.fill " + std::to_string(n - 1) + ", 4, 0x3f800000\n\t.long 0x7fc00000\n";
+    } else {
+      s += "\t.fill " + std::to_string(n) + ", 4, " + value + "\n";
+    }
+  }
+  return s;
+}
+
+// check-lib passes the build's library and libraries without a fault, and
+// stops at the first fault of the others with a message naming the symbol.
+TEST(WeightsTool, CheckLibNamesTheFirstProblemOfALibrary) {
+  std::string out;
+  EXPECT_EQ(run(kTool + " check-lib '" HSEG_DATA_LIBRARY "'", &out), 0) << out;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), hseg::kNetLayerCount + 1) << out;
+  const int bn = hseg::net_first_tensor(40);  // layer 40's kernel, then its batch norm
+  const struct {
+    Change change;
+    int tensor;
+    const char *message;
+  } cases[] = {
+      {Change::kNone, 0, "every variance > 0: good"},
+      {Change::kMissing, bn, "missing symbol _CONV4_"},
+      {Change::kShort, bn + 2, "_BN_DATA1_DEEPLAB_PSPNET_ holds 1020 bytes, expected 1024"},
+      {Change::kNaN, bn + 3, "_BN_DATA2_DEEPLAB_PSPNET_: element 255 is NaN"},
+      {Change::kZero, bn + 4, "_BN_DATA3_DEEPLAB_PSPNET_: a variance of 0"},
+  };
+  const std::string s = temp_path("lib.s"), lib = temp_path("lib.so");
+  for (const auto &c : cases) {
+    std::ofstream(s) << library_asm(c.change, c.tensor);
+    ASSERT_EQ(run(std::string(HSEG_C_COMPILER) + " -shared -nostdlib -o " + shell_quoted(lib) + " " +
+                      shell_quoted(s), &out), 0) << out;
+    EXPECT_EQ(run(kTool + " check-lib " + shell_quoted(lib), &out), c.change == Change::kNone ? 0 : 1);
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.message << "\n  got: " << out;
+  }
+  EXPECT_EQ(run(kTool + " check-lib " + shell_quoted(s), &out), 1);
+  EXPECT_NE(out.find("not an ELF file"), std::string::npos) << out;
+  std::remove(s.c_str());
+  std::remove(lib.c_str());
 }
 #endif
 

@@ -1,6 +1,12 @@
 #include "hseg_weights_io.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -126,11 +132,6 @@ void check_coverage(const std::vector<TensorEntry> &tensors, uint64_t data_bytes
   }
 }
 
-const char *non_finite_kind(uint32_t bits) {
-  if ((bits & 0x007fffffu) != 0) return "NaN";
-  return (bits & 0x80000000u) != 0 ? "-inf" : "+inf";
-}
-
 }  // namespace
 
 bool shape_count(const std::vector<int64_t> &shape, uint64_t *count) {
@@ -154,6 +155,66 @@ std::string shape_text(const std::vector<int64_t> &shape) {
   for (size_t i = 0; i < shape.size(); ++i) s << (i ? ", " : "") << shape[i];
   s << ']';
   return s.str();
+}
+
+std::string number_text(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%g", v);
+  return buf;
+}
+
+const char *non_finite_name(float v) {
+  if (std::isnan(v)) return "NaN";
+  return v < 0 ? "-inf" : "+inf";
+}
+
+void ValueStats::add(const float *v, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    if (!std::isfinite(v[i])) {
+      if (first_bad == kAllFinite) {
+        first_bad = count + i;
+        bad = v[i];
+      }
+      continue;
+    }
+    min = std::min(min, v[i]);
+    max = std::max(max, v[i]);
+    sum += v[i];
+  }
+  count += n;
+}
+
+MappedFile::~MappedFile() {
+  if (data_ != nullptr) munmap(const_cast<uint8_t *>(data_), size_);
+}
+
+bool MappedFile::open(const std::string &path, std::string *error) {
+  if (data_ != nullptr) munmap(const_cast<uint8_t *>(data_), size_);
+  data_ = nullptr;
+  size_ = 0;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = std::string("cannot open the file: ") + std::strerror(errno);
+    return false;
+  }
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0;
+  if (ok && !S_ISREG(st.st_mode)) {
+    *error = "not a regular file";
+    ::close(fd);
+    return false;
+  }
+  if (ok && st.st_size > 0) {
+    void *m = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+    ok = m != MAP_FAILED;
+    if (ok) {
+      data_ = static_cast<const uint8_t *>(m);
+      size_ = static_cast<size_t>(st.st_size);
+    }
+  }
+  if (!ok) *error = std::string("cannot read the file: ") + std::strerror(errno);
+  ::close(fd);
+  return ok;
 }
 
 bool read_layout(const std::string &path, FileLayout *layout, std::vector<std::string> *errors) {
@@ -284,8 +345,10 @@ std::vector<std::string> validate(const std::string &path, const std::vector<Ten
       for (size_t i = 0; i < n && !reported; ++i) {
         const uint32_t bits = buf[i];  // little-endian host: the stored bit pattern
         if ((bits & 0x7f800000u) == 0x7f800000u) {
+          float v;
+          std::memcpy(&v, &bits, sizeof v);
           errors.push_back("tensor " + t->name + ": element " + std::to_string(index + i) +
-                           " is " + non_finite_kind(bits) + ", every value must be finite");
+                           " is " + non_finite_name(v) + ", every value must be finite");
           reported = true;
         }
       }

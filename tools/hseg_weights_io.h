@@ -11,6 +11,7 @@
 #ifndef HSEG_TOOLS_HSEG_WEIGHTS_IO_H_
 #define HSEG_TOOLS_HSEG_WEIGHTS_IO_H_
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -73,6 +74,48 @@ bool write_file(const std::string &path, const std::vector<TensorShape> &shapes,
 bool shape_count(const std::vector<int64_t> &shape, uint64_t *count);
 
 std::string shape_text(const std::vector<int64_t> &shape);
+
+// A number as "%g" prints it.
+std::string number_text(double v);
+
+// "NaN", "+inf" or "-inf" for a value that is not finite.
+const char *non_finite_name(float v);
+
+// A running summary of float values: where the first NaN or infinity is, and
+// the range and mean of the finite ones.
+struct ValueStats {
+  static constexpr uint64_t kAllFinite = UINT64_MAX;
+  uint64_t count = 0;
+  uint64_t first_bad = kAllFinite;  // index of the first value that is not finite
+  float bad = 0.0f;                 // that value
+  float min = INFINITY;
+  float max = -INFINITY;
+  double sum = 0.0;
+
+  void add(const float *v, size_t n);
+  bool finite() const { return first_bad == kAllFinite; }
+  double mean() const { return count > 0 ? sum / static_cast<double>(count) : 0.0; }
+};
+
+// A file mapped read-only for as long as the object lives. An empty file
+// gives no bytes (data() null, size() 0).
+class MappedFile {
+ public:
+  MappedFile() = default;
+  ~MappedFile();
+  MappedFile(const MappedFile &) = delete;
+  MappedFile &operator=(const MappedFile &) = delete;
+
+  // False with a message (naming the reason, not the path) when the file
+  // cannot be opened or mapped.
+  bool open(const std::string &path, std::string *error);
+  const uint8_t *data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  const uint8_t *data_ = nullptr;
+  size_t size_ = 0;
+};
 
 }  // namespace hseg_weights
 
