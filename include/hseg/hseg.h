@@ -6,5 +6,6 @@
 #include "hseg/flatnn.h"
 #include "hseg/crf.h"
 #include "hseg/resize.h"
+#include "hseg/imgproc.h"
 
 #endif /* HSEG_HSEG_H_ */
