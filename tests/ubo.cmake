@@ -7,4 +7,6 @@ hseg_add_test(ubo_masks_test LIBS hseg_ubo SOURCES ubo_masks_test.cpp)
 hseg_add_test(ubo_resize_test LIBS hseg_ubo SOURCES ubo_resize_test.cpp)
 hseg_add_test(ubo_sobel_test LIBS hseg_ubo SOURCES ubo_sobel_test.cpp)
 hseg_add_test(ubo_matrix_test LIBS hseg_ubo SOURCES ubo_matrix_test.cpp)
+hseg_add_test(ubo_bmp_test LIBS hseg_ubo SOURCES ubo_bmp_test.cpp)
+target_compile_definitions(ubo_bmp_test PRIVATE HSEG_BMP_DIR="${CMAKE_CURRENT_SOURCE_DIR}/data/bmp")
 # ---- end of image toolkit ----
