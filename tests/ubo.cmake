@@ -1,6 +1,7 @@
 # ---- image toolkit ----
 hseg_add_test(ubo_geometry_test LIBS hseg_ubo SOURCES ubo_geometry_test.cpp)
 hseg_add_test(ubo_pixels_test LIBS hseg_ubo SOURCES ubo_pixels_test.cpp)
+hseg_add_test(ubo_colour_rows_test LIBS hseg_ubo SOURCES ubo_colour_rows_test.cpp)
 hseg_add_test(ubo_nv21_test LIBS hseg_ubo stb SOURCES ubo_nv21_test.cpp)
 target_compile_definitions(ubo_nv21_test PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 hseg_add_test(ubo_masks_test LIBS hseg_ubo SOURCES ubo_masks_test.cpp)

@@ -28,7 +28,7 @@ void with_pixel_size(uint32_t channels, Body body) {
 // down (270 degrees).
 template <int N>
 void rotate_quarter(const Image &s, const Image &d, bool clockwise) {
-  constexpr int kTile = 32;
+  constexpr int kTile = 64;
   const int32_t dw = static_cast<int32_t>(d.width), dh = static_cast<int32_t>(d.height);
   const ptrdiff_t step = clockwise ? -ptrdiff_t{s.pitch} : ptrdiff_t{s.pitch};
   for (int32_t r0 = 0; r0 < dh; r0 += kTile) {

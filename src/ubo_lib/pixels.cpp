@@ -3,32 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "ubo_lib/colour_rows.h"
 #include "ubo_lib/toolkit.h"
 
 namespace {
 
 using hseg::ubo::check_pair;
 using hseg::ubo::row_of;
-
-// Grey of one row with weights that sum to 1 << kShift, rounded to nearest.
-template <int N, int32_t kB, int32_t kG, int32_t kR, int kShift>
-void gray_row(const uint8_t *in, uint8_t *out, uint32_t w) {
-  static_assert(kB + kG + kR == 1 << kShift, "weights keep white white");
-  for (uint32_t x = 0; x < w; ++x, in += N)
-    out[x] = static_cast<uint8_t>((kB * in[0] + kG * in[1] + kR * in[2] + (1 << (kShift - 1))) >>
-                                  kShift);
-}
-
-template <int N>
-void gray_image(const Image &s, const Image &d, int32_t weights) {
-  using namespace hseg::ubo;
-  for (uint32_t y = 0; y < s.height; ++y) {
-    if (weights == HSEG_GRAY_BT601)
-      gray_row<N, kLumaB, kLumaG, kLumaR, 14>(row_of(s, y), row_of(d, y), s.width);
-    else
-      gray_row<N, 13, 83, 32, 7>(row_of(s, y), row_of(d, y), s.width);
-  }
-}
 
 // Applies a per-value table to every sample of an 8-bit image, writing
 // samples of type T.
@@ -63,10 +44,16 @@ MRESULT img_bgr2gray(const Image *src, Image *dst, int32_t weights) {
   if (src->width != dst->width || src->height != dst->height ||
       (weights != HSEG_GRAY_BGR128 && weights != HSEG_GRAY_BT601))
     return HSEG_ERR_BAD_ARGUMENT;
-  if (src->channels == 3)
-    gray_image<3>(*src, *dst, weights);
-  else
-    gray_image<4>(*src, *dst, weights);
+  using namespace hseg::ubo;
+  const LumaWeights k = weights == HSEG_GRAY_BT601 ? kLumaBt601 : kLuma128;
+  const auto luma_c3 = colour_rows().luma_c3;
+  const auto w = static_cast<int32_t>(src->width);
+  for (uint32_t y = 0; y < src->height; ++y) {
+    if (src->channels == 3)
+      luma_c3(row_of(*src, y), row_of(*dst, y), w, k);
+    else
+      luma_row_ref(row_of(*src, y), 4, row_of(*dst, y), w, k);
+  }
   return HSEG_OK;
 }
 

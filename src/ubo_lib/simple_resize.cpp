@@ -33,15 +33,13 @@ void copy_rows(const Image &s, const Image &d) {
 }
 
 // Status of a 1-channel 8-bit source and destination for the resizers,
-// which take signed sizes and pitches. Equal sizes are copied here, and
+// which take signed pitches. Equal sizes are copied here, and
 // *done tells the caller so.
 MRESULT check_c1_copy_same(const Image *src, const Image *dst, bool *done) {
   MRESULT s = check_image(src, 8, hseg::ubo::kOneChannel);
   if (s == HSEG_OK) s = check_image(dst, 8, hseg::ubo::kOneChannel);
   if (s != HSEG_OK) return s;
-  if (src->width > INT32_MAX || src->height > INT32_MAX || src->pitch > INT32_MAX ||
-      dst->width > INT32_MAX || dst->height > INT32_MAX || dst->pitch > INT32_MAX)
-    return HSEG_ERR_BAD_ARGUMENT;
+  if (src->pitch > INT32_MAX || dst->pitch > INT32_MAX) return HSEG_ERR_BAD_ARGUMENT;
   *done = src->width == dst->width && src->height == dst->height;
   if (*done) copy_rows(*src, *dst);
   return HSEG_OK;

@@ -5,6 +5,7 @@ hseg_sources(base
 # ---- image toolkit ----
 hseg_sources(ubo
   src/ubo_lib/geometry.cpp
+  src/ubo_lib/colour_rows.cpp
   src/ubo_lib/pixels.cpp
   src/ubo_lib/nv21.cpp
   src/ubo_lib/masks.cpp

@@ -2,6 +2,7 @@
 #ifndef HSEG_SRC_UBO_LIB_TOOLKIT_H_
 #define HSEG_SRC_UBO_LIB_TOOLKIT_H_
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 
@@ -24,7 +25,8 @@ inline size_t row_bytes(const Image &img) {
 // its sample size or its pitch cannot hold a row; 3 when its depth is not
 // `depth` (8, 16 or 32) or its channel count is not in `channels`.
 inline MRESULT check_image(const Image *img, uint32_t depth, uint32_t channels) {
-  if (img == nullptr || img->data == nullptr || img->width < 1 || img->height < 1)
+  if (img == nullptr || img->data == nullptr || img->width < 1 || img->height < 1 ||
+      img->width > INT32_MAX || img->height > INT32_MAX)
     return HSEG_ERR_BAD_ARGUMENT;
   if (img->depth != depth || img->channels >= 32 || (channels >> img->channels & 1u) == 0)
     return HSEG_ERR_FORMAT;
@@ -70,11 +72,6 @@ inline int32_t reflect101(int64_t i, int32_t n) {
   if (i < 0) i += period;
   return static_cast<int32_t>(i < n ? i : period - i);
 }
-
-// BT.601 luma weights in 14-bit fixed point (they sum to 16384).
-constexpr int32_t kLumaR = 4899;  // == 0.299 * 16384
-constexpr int32_t kLumaG = 9617;  // == 0.587 * 16384
-constexpr int32_t kLumaB = 1868;  // == 0.114 * 16384
 
 }  // namespace ubo
 }  // namespace hseg
