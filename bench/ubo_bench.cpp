@@ -59,7 +59,8 @@ BENCHMARK(BM_Rotate90)->ArgName("channels")->Arg(1)->Arg(3)->Unit(benchmark::kMi
 
 void BM_GreyFromBgr(benchmark::State &state) {
   Owned src(kW, kH, 3), dst(kW, kH, 1);
-  for (auto _ : state) benchmark::DoNotOptimize(img_bgr2gray(src.img, dst.img, int32_t(state.range(0))));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(img_bgr2gray(src.img, dst.img, int32_t(state.range(0))));
   set_rate(state);
 }
 BENCHMARK(BM_GreyFromBgr)->ArgName("bt601")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
@@ -88,7 +89,11 @@ void BM_SobelMagnitude(benchmark::State &state) {
     benchmark::DoNotOptimize(img_sobel_magnitude(src.img, dst.img, int32_t(state.range(0))));
   set_rate(state);
 }
-BENCHMARK(BM_SobelMagnitude)->ArgName("norm")->Arg(HSEG_NORM_L1)->Arg(HSEG_NORM_L2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SobelMagnitude)
+    ->ArgName("norm")
+    ->Arg(HSEG_NORM_L1)
+    ->Arg(HSEG_NORM_L2)
+    ->Unit(benchmark::kMillisecond);
 
 #ifdef HSEG_HAVE_OPENCV
 // OpenCV runs on one thread, as the library does, so that both CPU times
@@ -152,7 +157,11 @@ void BM_OpenCV_SobelMagnitude(benchmark::State &state) {
   }
   set_rate(state);
 }
-BENCHMARK(BM_OpenCV_SobelMagnitude)->ArgName("norm")->Arg(HSEG_NORM_L1)->Arg(HSEG_NORM_L2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OpenCV_SobelMagnitude)
+    ->ArgName("norm")
+    ->Arg(HSEG_NORM_L1)
+    ->Arg(HSEG_NORM_L2)
+    ->Unit(benchmark::kMillisecond);
 #endif
 
 }  // namespace

@@ -4,10 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
 
@@ -37,11 +36,12 @@ MRESULT load_both(const Bytes &bytes, Image **out = nullptr) {
   Image *from_memory = nullptr, *from_file = nullptr;
   const MRESULT s = LoadBMPFromMemory(nullptr, buf.data(), bytes.size(), &from_memory);
   const std::string path = temp_path("in.bmp");
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char *>(bytes.data()), bytes.size());
   EXPECT_EQ(LoadBMP(nullptr, path.c_str(), &from_file), s);
   std::remove(path.c_str());
   EXPECT_EQ(from_memory == nullptr, s != HSEG_OK);
-  if (s == HSEG_OK) EXPECT_TRUE(same_pixels(from_memory, from_file));
+  EXPECT_TRUE(s != HSEG_OK || same_pixels(from_memory, from_file));
   release_img(nullptr, &from_file);
   if (out != nullptr) {
     *out = from_memory;
@@ -70,53 +70,49 @@ TEST(Bmp, WriteThenReadIsIdenticalAtOddWidths) {
   std::remove(path.c_str());
 }
 
-// The pictures of scripts/make_bmp_samples.py.
-std::array<int, 4> rgba(int x, int y) {
-  return {(x * 37 + y * 11) & 255, (x * 5 + y * 53) & 255, (x * x + y * 29) & 255, (x * 19 + y * 71) & 255};
-}
-std::array<int, 4> palette_bgra(int x, int y, int colours) {
-  const int i = (x * 3 + y * 5) % colours;
-  return {(i * 151 + 7) & 255, (i * 23 + 40) & 255, (i * 67) & 255, -1};
-}
-// A field of `bits` bits holding the top bits of v, widened by replication.
-int widened(int v, int bits) {
-  int f = v >> (8 - bits), out = 0;
-  for (int s = 8 - bits; s > -bits; s -= bits) out |= s >= 0 ? f << s : f >> -s;
+// The samples of scripts/make_bmp_samples.py: palette files index
+// `colours` entries (2: black and white), the others carry rgba(x, y) in
+// fields of r, g, b bits.
+struct Sample {
+  const char *name;
+  uint32_t channels;
+  int colours, r, g, b;
+  bool alpha;
+};
+
+int expected(const Sample &s, int x, int y, int k) {  // k: B, G, R, A
+  const int i = (x * 3 + y * 5) % std::max(s.colours, 3);
+  if (s.colours == 2) return i == 0 ? 255 : 0;
+  if (s.colours > 2) return (k == 0 ? i * 151 + 7 : k == 1 ? i * 23 + 40 : i * 67) & 255;
+  const int rgba[4] = {(x * 37 + y * 11) & 255, (x * 5 + y * 53) & 255, (x * x + y * 29) & 255,
+                       (x * 19 + y * 71) & 255};
+  if (s.channels == 1) return rgba[0];
+  if (k == 3) return s.alpha ? rgba[3] : 255;
+  // The field's bits widened by replication.
+  const int bits = k == 0 ? s.b : k == 1 ? s.g : s.r, f = rgba[2 - k] >> (8 - bits);
+  int out = 0;
+  for (int sh = 8 - bits; sh > -bits; sh -= bits) out |= sh >= 0 ? f << sh : f >> -sh;
   return out;
 }
 
 TEST(Bmp, ReadsFilesOfAnotherEncoder) {
-  using Expect = std::function<std::array<int, 4>(int, int)>;
-  auto bgra = [](int r5, int g6, int b5, bool alpha) -> Expect {
-    return [=](int x, int y) {
-      const auto p = rgba(x, y);
-      if (r5 == 8) return std::array<int, 4>{p[2], p[1], p[0], alpha ? p[3] : 255};
-      return std::array<int, 4>{widened(p[2], b5), widened(p[1], g6), widened(p[0], r5), -1};
-    };
+  const Sample samples[] = {
+      {"pal1.bmp", 3, 2, 0, 0, 0, false},         {"pal4.bmp", 3, 16, 0, 0, 0, false},
+      {"pal8.bmp", 3, 256, 0, 0, 0, false},       {"grey8.bmp", 1, 0, 8, 8, 8, false},
+      {"rgb24.bmp", 3, 0, 8, 8, 8, false},        {"rgb24_topdown.bmp", 3, 0, 8, 8, 8, false},
+      {"rgba32.bmp", 4, 0, 8, 8, 8, true},        {"bf32_v5_rgba.bmp", 4, 0, 8, 8, 8, true},
+      {"bf32_noalpha.bmp", 4, 0, 8, 8, 8, false}, {"bf565.bmp", 3, 0, 5, 6, 5, false},
+      {"rgb555.bmp", 3, 0, 5, 5, 5, false},       {"bf555_v4_topdown.bmp", 3, 0, 5, 5, 5, false},
   };
-  const struct { const char *name; uint32_t channels; Expect pixel; } cases[] = {
-      {"pal1.bmp", 3, [](int x, int y) { int v = (x * 3 + y * 5) % 3 == 0 ? 255 : 0; return std::array<int, 4>{v, v, v, -1}; }},
-      {"pal4.bmp", 3, [](int x, int y) { return palette_bgra(x, y, 16); }},
-      {"pal8.bmp", 3, [](int x, int y) { return palette_bgra(x, y, 256); }},
-      {"grey8.bmp", 1, [](int x, int y) { return std::array<int, 4>{rgba(x, y)[0], -1, -1, -1}; }},
-      {"rgb24.bmp", 3, bgra(8, 8, 8, false)},
-      {"rgb24_topdown.bmp", 3, bgra(8, 8, 8, false)},
-      {"rgba32.bmp", 4, bgra(8, 8, 8, true)},
-      {"bf32_v5_rgba.bmp", 4, bgra(8, 8, 8, true)},
-      {"bf32_noalpha.bmp", 4, bgra(8, 8, 8, false)},
-      {"bf565.bmp", 3, bgra(5, 6, 5, false)},
-      {"rgb555.bmp", 3, bgra(5, 5, 5, false)},
-      {"bf555_v4_topdown.bmp", 3, bgra(5, 5, 5, false)},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const Sample &s : samples) {
+    SCOPED_TRACE(s.name);
     Image *img = nullptr;
-    ASSERT_EQ(load_both(read_file(std::string(HSEG_BMP_DIR "/") + c.name), &img), HSEG_OK);
-    ASSERT_TRUE(img->width == 7 && img->height == 5 && img->channels == c.channels);
+    ASSERT_EQ(load_both(read_file(std::string(HSEG_BMP_DIR "/") + s.name), &img), HSEG_OK);
+    ASSERT_TRUE(img->width == 7 && img->height == 5 && img->channels == s.channels);
     for (int y = 0; y < 5; ++y)
       for (int x = 0; x < 7; ++x)
-        for (uint32_t k = 0; k < c.channels; ++k)
-          ASSERT_EQ(img->rows[y][x * c.channels + k], c.pixel(x, y)[k]) << x << "," << y << " " << k;
+        for (uint32_t k = 0; k < s.channels; ++k)
+          ASSERT_EQ(img->rows[y][x * s.channels + k], expected(s, x, y, k)) << x << "," << y;
     release_img(nullptr, &img);
   }
 }
@@ -132,7 +128,11 @@ Bytes patched(const char *name, size_t at, uint32_t value, int bytes = 4) {
 TEST(Bmp, MalformedAndUnsupportedFilesGiveAStatus) {
   constexpr MRESULT kFile = HSEG_ERR_FILE, kFormat = HSEG_ERR_FORMAT;
   Bytes rgb = read_file(HSEG_BMP_DIR "/rgb24.bmp");
-  const struct { const char *what; Bytes file; MRESULT want; } cases[] = {
+  const struct {
+    const char *what;
+    Bytes file;
+    MRESULT want;
+  } cases[] = {
       {"magic", patched("rgb24.bmp", 0, 'B' | 'N' << 8, 2), kFile},
       {"width 0", patched("rgb24.bmp", 18, 0), kFile},
       {"width -5", patched("rgb24.bmp", 18, uint32_t(-5)), kFile},
@@ -167,7 +167,8 @@ TEST(Bmp, MalformedAndUnsupportedFilesGiveAStatus) {
   // Cut anywhere before the pixel data.
   for (const char *name : {"pal4.bmp", "bf32_v5_rgba.bmp", "bf565.bmp"}) {
     const Bytes b = read_file(std::string(HSEG_BMP_DIR "/") + name);
-    for (size_t n = 0; n <= b[10]; ++n) ASSERT_EQ(load_both(Bytes(b.begin(), b.begin() + n)), kFile) << name << " " << n;
+    for (size_t n = 0; n <= b[10]; ++n)
+      ASSERT_EQ(load_both(Bytes(b.begin(), b.begin() + n)), kFile) << name << " " << n;
   }
 }
 
@@ -197,14 +198,11 @@ TEST(Bmp, FailedWritesLeaveNothingBehind) {
   ASSERT_EQ(mkdir((dir + "/x.bmp").c_str(), 0700), 0);
   EXPECT_EQ(SaveBmp((dir + "/x.bmp").c_str(), img.get()), HSEG_ERR_FILE);
   EXPECT_EQ(SaveBmp((dir + "/y.bmp").c_str(), two.get()), HSEG_ERR_FORMAT);
-  EXPECT_EQ(SaveBmp(nullptr, img.get()), HSEG_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(SaveBmp((dir + "/y.bmp").c_str(), nullptr), HSEG_ERR_BAD_ARGUMENT);
   // Only the directory made above is left.
   ASSERT_EQ(rmdir((dir + "/x.bmp").c_str()), 0);
   EXPECT_EQ(rmdir(dir.c_str()), 0) << "a file was left in " << dir;
   Image *out = nullptr;
   EXPECT_EQ(LoadBMP(nullptr, (dir + "/none.bmp").c_str(), &out), HSEG_ERR_FILE);
-  EXPECT_EQ(LoadBMP(nullptr, nullptr, &out), HSEG_ERR_BAD_ARGUMENT);
 }
 
 }  // namespace

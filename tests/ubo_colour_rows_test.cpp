@@ -33,7 +33,8 @@ TEST(ColourRows, Ssse3MatchesTheReference) {
         Bytes a(w + off + 1, 0x11), b(w + off + 1, 0xEE);
         luma_row_c3_ref(bgr.data() + off, a.data() + off, w, k);
         luma_row_c3_ssse3(bgr.data() + off, b.data() + off, w, k);
-        ASSERT_TRUE(std::equal(a.begin() + off, a.end() - 1, b.begin() + off)) << "luma " << k.shift;
+        ASSERT_TRUE(std::equal(a.begin() + off, a.end() - 1, b.begin() + off))
+            << "luma " << k.shift;
         ASSERT_TRUE(a.back() == 0x11 && b.back() == 0xEE);
       }
       Bytes a(3 * w + off + 1, 0x11), b(3 * w + off + 1, 0xEE);

@@ -18,8 +18,12 @@ TEST(Masks, LogicTreatsAnyNonZeroAsSet) {
   GuardedImage a(4, 1), b(4, 1), out(4, 1);
   set_rows(a.get(), {{0, 0, 7, 200}});
   set_rows(b.get(), {{0, 3, 0, 9}});
-  const struct { MRESULT (*op)(const Image *, const Image *, Image *); std::vector<int> want; } cases[] = {
-      {img_mask_and, {0, 0, 0, 255}}, {img_mask_or, {0, 255, 255, 255}}, {img_mask_xor, {0, 255, 255, 0}}};
+  const struct {
+    MRESULT (*op)(const Image *, const Image *, Image *);
+    std::vector<int> want;
+  } cases[] = {{img_mask_and, {0, 0, 0, 255}},
+               {img_mask_or, {0, 255, 255, 255}},
+               {img_mask_xor, {0, 255, 255, 0}}};
   for (const auto &c : cases) {
     ASSERT_EQ(c.op(a.get(), b.get(), out.get()), HSEG_OK);
     EXPECT_EQ(get_rows(out.get()), Rows{c.want});
@@ -31,13 +35,18 @@ TEST(Masks, LogicTreatsAnyNonZeroAsSet) {
 }
 
 TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
-  const ImgRect rects[] = {{0, 0, 9, 7}, {2, 1, 3, 4}, {-3, -2, 5, 4}, {6, 5, 10, 10}, {4, 4, 1, 1}, {3, 2, 0, 3}};
+  const ImgRect rects[] = {{0, 0, 9, 7},   {2, 1, 3, 4}, {-3, -2, 5, 4},
+                           {6, 5, 10, 10}, {4, 4, 1, 1}, {3, 2, 0, 3}};
   for (const ImgRect &r : rects) {
     SCOPED_TRACE(testing::Message() << r.x << "," << r.y << " " << r.width << "x" << r.height);
     GuardedImage by_rect(9, 7, 1, 8, 0, 0), by_poly(9, 7, 1, 8, 2, 0);
     ASSERT_EQ(img_fill_rect(by_rect.get(), r, 9), HSEG_OK);
-    ASSERT_EQ(fill_poly(by_poly, {{r.x, r.y}, {r.x + r.width, r.y}, {r.x + r.width, r.y + r.height},
-                                  {r.x, r.y + r.height}}, 9),
+    ASSERT_EQ(fill_poly(by_poly,
+                        {{r.x, r.y},
+                         {r.x + r.width, r.y},
+                         {r.x + r.width, r.y + r.height},
+                         {r.x, r.y + r.height}},
+                        9),
               HSEG_OK);
     EXPECT_EQ(get_rows(by_poly.get()), get_rows(by_rect.get()));
   }
@@ -46,11 +55,14 @@ TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
 TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
   // A square with a square hole, drawn as one path whose bridge edges cancel.
   GuardedImage ring(10, 10, 1, 8, 0, 0);
-  ASSERT_EQ(fill_poly(ring, {{1, 1}, {9, 1}, {9, 9}, {1, 9}, {1, 1}, {3, 3}, {3, 7}, {7, 7}, {7, 3}, {3, 3}}),
-            HSEG_OK);
+  ASSERT_EQ(
+      fill_poly(ring,
+                {{1, 1}, {9, 1}, {9, 9}, {1, 9}, {1, 1}, {3, 3}, {3, 7}, {7, 7}, {7, 3}, {3, 3}}),
+      HSEG_OK);
   for (int y = 0; y < 10; ++y)
     for (int x = 0; x < 10; ++x) {
-      const bool outer = x >= 1 && x < 9 && y >= 1 && y < 9, hole = x >= 3 && x < 7 && y >= 3 && y < 7;
+      const bool outer = x >= 1 && x < 9 && y >= 1 && y < 9,
+                 hole = x >= 3 && x < 7 && y >= 3 && y < 7;
       ASSERT_EQ(*ring.at(x, y), outer && !hole ? 255 : 0) << x << "," << y;
     }
   // A diagonal through pixel centres: the centre on the left edge is in,
@@ -63,12 +75,15 @@ TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
   // The bounding box of a filled polygon is its extent when its extreme
   // sides are axis-aligned, here an irregular octagon reaching off the mask.
   GuardedImage oct(40, 30, 1, 8, 0, 0);
-  ASSERT_EQ(fill_poly(oct, {{5, 2}, {12, 2}, {21, 9}, {21, 17}, {14, 25}, {8, 25}, {3, 19}, {3, 8}}), HSEG_OK);
+  ASSERT_EQ(
+      fill_poly(oct, {{5, 2}, {12, 2}, {21, 9}, {21, 17}, {14, 25}, {8, 25}, {3, 19}, {3, 8}}),
+      HSEG_OK);
   ImgRect box{};
   ASSERT_EQ(img_mask_bbox(oct.get(), &box), HSEG_OK);
   EXPECT_TRUE(box.x == 3 && box.y == 2 && box.width == 18 && box.height == 23)
       << box.x << "," << box.y << " " << box.width << "x" << box.height;
-  ASSERT_EQ(fill_poly(oct, {{-50, -50}, {100, -50}, {100, 100}, {-50, 100}}, 0), HSEG_OK);  // clears it
+  ASSERT_EQ(fill_poly(oct, {{-50, -50}, {100, -50}, {100, 100}, {-50, 100}}, 0),
+            HSEG_OK);  // clears it
   ASSERT_EQ(img_mask_bbox(oct.get(), &box), HSEG_OK);
   EXPECT_TRUE(box.width == 0 && box.height == 0);
 

@@ -47,11 +47,8 @@ TEST(Sobel, ExtremesAndArguments) {
   ASSERT_EQ(img_sobel_magnitude(step.get(), mag.get(), HSEG_NORM_L2), HSEG_OK);
   EXPECT_EQ(*mag.at<int16_t>(2, 0), 1020);
 
-  GuardedImage bytes(4, 3), odd_pitch(4, 3, 1, 16, 1);
   EXPECT_EQ(img_sobel(step.get(), g.get(), 1, 1), HSEG_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(img_sobel_magnitude(step.get(), g.get(), 3), HSEG_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(img_sobel(step.get(), bytes.get(), 1, 0), HSEG_ERR_FORMAT);
-  EXPECT_EQ(img_sobel(step.get(), odd_pitch.get(), 1, 0), HSEG_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(img_sobel_magnitude(step.get(), step.get(), HSEG_NORM_L1), HSEG_ERR_FORMAT);
 }
 
 }  // namespace

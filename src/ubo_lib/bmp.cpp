@@ -19,7 +19,15 @@ constexpr uint32_t kFileHeader = 14;
 // header, the largest info header, four masks and a 256-entry palette.
 constexpr size_t kHeadMax = kFileHeader + 124 + 16 + 256 * 4;
 
-enum : uint32_t { kRgb = 0, kRle8 = 1, kRle4 = 2, kBitFields = 3, kJpeg = 4, kPng = 5, kAlphaBitFields = 6 };
+enum : uint32_t {
+  kRgb = 0,
+  kRle8 = 1,
+  kRle4 = 2,
+  kBitFields = 3,
+  kJpeg = 4,
+  kPng = 5,
+  kAlphaBitFields = 6
+};
 
 uint32_t u16(const uint8_t *p) { return p[0] | uint32_t{p[1]} << 8; }
 uint32_t u32(const uint8_t *p) {
@@ -102,8 +110,8 @@ MRESULT read_masks(const uint8_t *head, size_t head_len, uint32_t header, uint32
 }
 
 // Reads the palette of a 1-, 4- or 8-bit file and decides the channel count.
-MRESULT read_palette(const uint8_t *head, size_t head_len, size_t at, uint32_t used,
-                     BmpInfo *info, size_t *end) {
+MRESULT read_palette(const uint8_t *head, size_t head_len, size_t at, uint32_t used, BmpInfo *info,
+                     size_t *end) {
   const uint32_t max = 1u << info->bpp;
   const uint32_t n = used == 0 ? max : used;
   if (n > max) return malformed();
@@ -279,7 +287,8 @@ MRESULT LoadBMPFromMemory(MHandle mem, const uint8_t *data, size_t size, Image *
   Image *img = createimg(mem, info.width, info.height, 8, info.channels);
   if (img == nullptr) return HSEG_ERR_NO_MEMORY;
   for (int32_t r = 0; r < info.height; ++r)
-    decode_row(info, data + info.data_offset + size_t(r) * info.row_bytes, image_row(info, *img, r));
+    decode_row(info, data + info.data_offset + size_t(r) * info.row_bytes,
+               image_row(info, *img, r));
   *out = img;
   return HSEG_OK;
 }
@@ -302,7 +311,8 @@ MRESULT LoadBMP(MHandle mem, const char *path, Image **out) {
       createimg(mem, info.width, info.height, 8, info.channels), ImageReleaser{mem});
   if (img == nullptr) return HSEG_ERR_NO_MEMORY;
   std::unique_ptr<uint8_t, BlockFreer> row(
-      static_cast<uint8_t *>(MMemAlloc(mem, static_cast<int32_t>(info.row_bytes))), BlockFreer{mem});
+      static_cast<uint8_t *>(MMemAlloc(mem, static_cast<int32_t>(info.row_bytes))),
+      BlockFreer{mem});
   if (row == nullptr) return HSEG_ERR_NO_MEMORY;
   if (std::fseek(f.get(), long(info.data_offset), SEEK_SET) != 0) return HSEG_ERR_FILE;
   for (int32_t r = 0; r < info.height; ++r) {

@@ -115,8 +115,8 @@ __attribute__((target("ssse3"))) inline void join3(const __m128i ch[3], uint8_t 
 // Two int16 weights per 32-bit lane: `lo` for the even element, `hi` for the
 // odd one, as _mm_madd_epi16 pairs them.
 __attribute__((target("ssse3"))) inline __m128i weight_pair(int32_t lo, int32_t hi) {
-  return _mm_set1_epi32(static_cast<int32_t>(static_cast<uint32_t>(hi) << 16 |
-                                             static_cast<uint16_t>(lo)));
+  return _mm_set1_epi32(
+      static_cast<int32_t>(static_cast<uint32_t>(hi) << 16 | static_cast<uint16_t>(lo)));
 }
 
 // Sums of the products of two madd pairs, shifted right arithmetically by
@@ -142,11 +142,14 @@ __attribute__((target("ssse3"))) void luma_row_c3_ssse3(const uint8_t *bgr, uint
     const __m128i r1[2] = {_mm_unpacklo_epi8(ch[2], one), _mm_unpackhi_epi8(ch[2], one)};
     __m128i sum[4];
     for (int h = 0; h < 2; ++h) {
-      sum[2 * h] = dot2(_mm_unpacklo_epi8(bg[h], zero), wbg, _mm_unpacklo_epi8(r1[h], zero), wr, shift);
-      sum[2 * h + 1] = dot2(_mm_unpackhi_epi8(bg[h], zero), wbg, _mm_unpackhi_epi8(r1[h], zero), wr, shift);
+      sum[2 * h] =
+          dot2(_mm_unpacklo_epi8(bg[h], zero), wbg, _mm_unpacklo_epi8(r1[h], zero), wr, shift);
+      sum[2 * h + 1] =
+          dot2(_mm_unpackhi_epi8(bg[h], zero), wbg, _mm_unpackhi_epi8(r1[h], zero), wr, shift);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(out + x),
-                     _mm_packus_epi16(_mm_packs_epi32(sum[0], sum[1]), _mm_packs_epi32(sum[2], sum[3])));
+    _mm_storeu_si128(
+        reinterpret_cast<__m128i *>(out + x),
+        _mm_packus_epi16(_mm_packs_epi32(sum[0], sum[1]), _mm_packs_epi32(sum[2], sum[3])));
   }
   luma_row_ref(bgr + 3 * x, 3, out + x, w - x, k);
 }
@@ -193,18 +196,19 @@ __attribute__((target("ssse3"))) void bgr_rows_to_vu_ssse3(const uint8_t *top, c
     split3(top + 3 * x, t);
     split3(below + 3 * x, b);
     for (int k = 0; k < 3; ++k)  // 8 blocks: (sum of 4 + 2) >> 2
-      mean[k] = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(_mm_maddubs_epi16(t[k], ones),
-                                                           _mm_maddubs_epi16(b[k], ones)),
-                                             two),
-                               2);
-    const __m128i rg[2] = {_mm_unpacklo_epi16(mean[2], mean[1]), _mm_unpackhi_epi16(mean[2], mean[1])};
+      mean[k] = _mm_srli_epi16(
+          _mm_add_epi16(_mm_add_epi16(_mm_maddubs_epi16(t[k], ones), _mm_maddubs_epi16(b[k], ones)),
+                        two),
+          2);
+    const __m128i rg[2] = {_mm_unpacklo_epi16(mean[2], mean[1]),
+                           _mm_unpackhi_epi16(mean[2], mean[1])};
     const __m128i b1[2] = {_mm_unpacklo_epi16(mean[0], one16), _mm_unpackhi_epi16(mean[0], one16)};
-    const __m128i u = _mm_add_epi16(_mm_packs_epi32(dot2(rg[0], u_rg, b1[0], u_b, shift),
-                                                    dot2(rg[1], u_rg, b1[1], u_b, shift)),
-                                    bias);
-    const __m128i v = _mm_add_epi16(_mm_packs_epi32(dot2(rg[0], v_rg, b1[0], v_b, shift),
-                                                    dot2(rg[1], v_rg, b1[1], v_b, shift)),
-                                    bias);
+    const __m128i u = _mm_add_epi16(
+        _mm_packs_epi32(dot2(rg[0], u_rg, b1[0], u_b, shift), dot2(rg[1], u_rg, b1[1], u_b, shift)),
+        bias);
+    const __m128i v = _mm_add_epi16(
+        _mm_packs_epi32(dot2(rg[0], v_rg, b1[0], v_b, shift), dot2(rg[1], v_rg, b1[1], v_b, shift)),
+        bias);
     _mm_storeu_si128(reinterpret_cast<__m128i *>(vu + x),
                      _mm_unpacklo_epi8(_mm_packus_epi16(v, v), _mm_packus_epi16(u, u)));
   }

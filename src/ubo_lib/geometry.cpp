@@ -15,17 +15,25 @@ using hseg::ubo::row_of;
 template <typename Body>
 void with_pixel_size(uint32_t channels, Body body) {
   switch (channels) {
-    case 1: body(std::integral_constant<int, 1>()); break;
-    case 2: body(std::integral_constant<int, 2>()); break;
-    case 3: body(std::integral_constant<int, 3>()); break;
-    default: body(std::integral_constant<int, 4>()); break;
+    case 1:
+      body(std::integral_constant<int, 1>());
+      break;
+    case 2:
+      body(std::integral_constant<int, 2>());
+      break;
+    case 3:
+      body(std::integral_constant<int, 3>());
+      break;
+    default:
+      body(std::integral_constant<int, 4>());
+      break;
   }
 }
 
-// Quarter turn, tile by tile so that the column walk over the source stays
-// in cache. Destination pixel (r, c) reads source pixel at
-// first(r) + (c - c0) * step, i.e. a source column walked up (90 degrees) or
-// down (270 degrees).
+// Quarter turn, tile by tile so that the source rows a tile walks across
+// stay in cache. Clockwise, dst(r, c) = src(h - 1 - c, r): a destination row
+// walks up a source column; counter-clockwise, dst(r, c) = src(c, w - 1 - r):
+// down one.
 template <int N>
 void rotate_quarter(const Image &s, const Image &d, bool clockwise) {
   constexpr int kTile = 64;
@@ -36,9 +44,8 @@ void rotate_quarter(const Image &s, const Image &d, bool clockwise) {
     for (int32_t c0 = 0; c0 < dw; c0 += kTile) {
       const int32_t c1 = std::min(c0 + kTile, dw);
       for (int32_t r = r0; r < r1; ++r) {
-        // Clockwise: dst(r, c) = src(h - 1 - c, r); else src(c, w - 1 - r).
         const uint8_t *in = clockwise ? row_of(s, int64_t{dw} - 1 - c0) + ptrdiff_t{r} * N
-                       : row_of(s, c0) + (ptrdiff_t{dh} - 1 - r) * N;
+                                      : row_of(s, c0) + (ptrdiff_t{dh} - 1 - r) * N;
         uint8_t *out = row_of(d, r) + ptrdiff_t{c0} * N;
         for (int32_t c = c0; c < c1; ++c, in += step, out += N) std::memcpy(out, in, N);
       }
@@ -64,13 +71,13 @@ void flip_pixels(const Image &s, const Image &d, bool vertical, bool horizontal)
   for (int32_t t = 0, b = h - 1; t <= b; ++t, --b) {
     const uint8_t *st = row_of(s, t), *sb = row_of(s, b);
     uint8_t *dt = row_of(d, vertical ? b : t), *db = row_of(d, vertical ? t : b);
-    for (int32_t i = 0, j = w - 1; i <= j; ++i, --j) {
+    for (ptrdiff_t i = 0, j = w - 1; i <= j; ++i, --j) {
       uint8_t ti[N], tj[N], bi[N], bj[N];
       std::memcpy(ti, st + i * N, N);
       std::memcpy(tj, st + j * N, N);
       std::memcpy(bi, sb + i * N, N);
       std::memcpy(bj, sb + j * N, N);
-      const int32_t oi = horizontal ? j : i, oj = horizontal ? i : j;
+      const ptrdiff_t oi = horizontal ? j : i, oj = horizontal ? i : j;
       std::memcpy(dt + oi * N, ti, N);
       std::memcpy(dt + oj * N, tj, N);
       std::memcpy(db + oi * N, bi, N);
@@ -122,9 +129,9 @@ MRESULT img_crop_view(MHandle mem, const Image *src, ImgRect rect, Image **out) 
   if (s != HSEG_OK) return s;
   if (!rect_inside(*src, rect)) return HSEG_ERR_BAD_ARGUMENT;
   uint8_t *first = row_of(*src, rect.y) + size_t{src->channels} * (src->depth / 8) * rect.x;
-  *out = createimg_pesudo(mem, first, static_cast<uint32_t>(rect.width),
-                          static_cast<uint32_t>(rect.height), src->depth, src->channels,
-                          src->pitch);
+  *out =
+      createimg_pesudo(mem, first, static_cast<uint32_t>(rect.width),
+                       static_cast<uint32_t>(rect.height), src->depth, src->channels, src->pitch);
   return *out == nullptr ? HSEG_ERR_NO_MEMORY : HSEG_OK;
 }
 

@@ -28,8 +28,7 @@ MRESULT mask_logic(const Image *a, const Image *b, Image *dst, Op op) {
   for (uint32_t y = 0; y < a->height; ++y) {
     const uint8_t *pa = row_of(*a, y), *pb = row_of(*b, y);
     uint8_t *out = row_of(*dst, y);
-    for (uint32_t x = 0; x < a->width; ++x)
-      out[x] = op(pa[x] != 0, pb[x] != 0) ? 255 : 0;
+    for (uint32_t x = 0; x < a->width; ++x) out[x] = op(pa[x] != 0, pb[x] != 0) ? 255 : 0;
   }
   return HSEG_OK;
 }
@@ -110,7 +109,8 @@ MRESULT img_fill_rect(Image *mask, ImgRect rect, uint8_t value) {
   const int64_t y0 = std::max<int64_t>(rect.y, 0);
   const int64_t y1 = std::min<int64_t>(int64_t{rect.y} + rect.height, mask->height);
   const int64_t x0 = std::clamp<int64_t>(rect.x, -1, int64_t{mask->width} + 1);
-  const int64_t x1 = std::clamp<int64_t>(int64_t{rect.x} + rect.width, -1, int64_t{mask->width} + 1);
+  const int64_t x1 =
+      std::clamp<int64_t>(int64_t{rect.x} + rect.width, -1, int64_t{mask->width} + 1);
   const auto w = static_cast<int32_t>(mask->width);
   for (int64_t y = y0; y < y1; ++y)
     fill_span(row_of(*mask, y), static_cast<int32_t>(x0), static_cast<int32_t>(x1), w, value);
@@ -144,7 +144,8 @@ MRESULT img_fill_poly(MHandle mem, Image *mask, const ImgPoint *points, int32_t 
       if ((p.y <= y) != (q.y <= y)) cols[n++] = crossing_column(p, q, y, w);
     }
     std::sort(cols, cols + n);
-    for (int32_t k = 0; k + 1 < n; k += 2) fill_span(row_of(*mask, y), cols[k], cols[k + 1], w, value);
+    for (int32_t k = 0; k + 1 < n; k += 2)
+      fill_span(row_of(*mask, y), cols[k], cols[k + 1], w, value);
   }
   MMemFree(mem, cols);
   return HSEG_OK;

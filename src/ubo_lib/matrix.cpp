@@ -48,7 +48,8 @@ MRESULT matrix_inverse(const double *a, double *inv, int32_t n) {
     if (!std::isfinite(a[i])) return HSEG_ERR_BAD_ARGUMENT;
     largest = std::max(largest, std::fabs(a[i]));
   }
-  auto *m = static_cast<double *>(MMemAlloc(nullptr, static_cast<int32_t>(count * 2 * sizeof(double))));
+  auto *m =
+      static_cast<double *>(MMemAlloc(nullptr, static_cast<int32_t>(count * 2 * sizeof(double))));
   if (m == nullptr) return HSEG_ERR_NO_MEMORY;
   for (int32_t i = 0; i < n; ++i) {
     double *row = m + int64_t{i} * 2 * n;

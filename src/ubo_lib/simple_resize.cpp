@@ -55,9 +55,9 @@ MRESULT resize2(MHandle mem, const Image *src, Image **out) {
   if (s != HSEG_OK) return s;
   if (out == nullptr || src->channels > INT32_MAX) return HSEG_ERR_BAD_ARGUMENT;
   const uint32_t w = src->width, h = src->height;
-  Image *img = createimg(mem, static_cast<int32_t>(w / 2 + w % 2),
-                         static_cast<int32_t>(h / 2 + h % 2), 8,
-                         static_cast<int32_t>(src->channels));
+  Image *img =
+      createimg(mem, static_cast<int32_t>(w / 2 + w % 2), static_cast<int32_t>(h / 2 + h % 2), 8,
+                static_cast<int32_t>(src->channels));
   if (img == nullptr) return HSEG_ERR_NO_MEMORY;
   for (uint32_t y = 0; y < img->height; ++y) {
     const uint8_t *top = row_of(*src, 2 * int64_t{y});

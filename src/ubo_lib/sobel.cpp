@@ -16,7 +16,9 @@ struct SobelY {
   static int16_t out(int32_t, int32_t gy) { return static_cast<int16_t>(gy); }
 };
 struct NormL1 {
-  static int16_t out(int32_t gx, int32_t gy) { return static_cast<int16_t>(std::abs(gx) + std::abs(gy)); }
+  static int16_t out(int32_t gx, int32_t gy) {
+    return static_cast<int16_t>(std::abs(gx) + std::abs(gy));
+  }
 };
 struct NormL2 {
   // The root of an integer is never exactly halfway between two integers,
@@ -29,8 +31,8 @@ struct NormL2 {
 // Pixel x of one output row from the rows above (a), at (b) and below (c),
 // with l and r the columns left and right of x (reflected at the edges).
 template <typename Op>
-inline int16_t sobel_at(const uint8_t *a, const uint8_t *b, const uint8_t *c, int32_t l,
-                        int32_t x, int32_t r) {
+inline int16_t sobel_at(const uint8_t *a, const uint8_t *b, const uint8_t *c, int32_t l, int32_t x,
+                        int32_t r) {
   const int32_t gx = (a[r] - a[l]) + 2 * (b[r] - b[l]) + (c[r] - c[l]);
   const int32_t gy = (c[l] + 2 * c[x] + c[r]) - (a[l] + 2 * a[x] + a[r]);
   return Op::out(gx, gy);
