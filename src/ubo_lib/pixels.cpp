@@ -11,14 +11,12 @@ namespace {
 using hseg::ubo::check_pair;
 using hseg::ubo::row_of;
 
-// Applies a per-value table to every sample of an 8-bit image, writing
-// samples of type T.
-template <typename T>
-void map_samples(const Image &s, const Image &d, const T (&table)[256]) {
+// Maps every sample of an 8-bit image through a table of 256 floats.
+void map_samples(const Image &s, const Image &d, const float (&table)[256]) {
   const size_t n = size_t{s.width} * s.channels;
   for (uint32_t y = 0; y < s.height; ++y) {
     const uint8_t *in = row_of(s, y);
-    T *out = row_of<T>(d, y);
+    float *out = row_of<float>(d, y);
     for (size_t i = 0; i < n; ++i) out[i] = table[in[i]];
   }
 }
@@ -60,9 +58,12 @@ MRESULT img_bgr2gray(const Image *src, Image *dst, int32_t weights) {
 MRESULT img_u8_to_s32(const Image *src, Image *dst) {
   const MRESULT s = check_pair(src, 8, dst, 32, hseg::ubo::kAnyChannels);
   if (s != HSEG_OK) return s;
-  int32_t table[256];
-  for (int i = 0; i < 256; ++i) table[i] = i;
-  map_samples(*src, *dst, table);
+  const size_t n = size_t{src->width} * src->channels;
+  for (uint32_t y = 0; y < src->height; ++y) {
+    const uint8_t *in = row_of(*src, y);
+    int32_t *out = row_of<int32_t>(*dst, y);
+    for (size_t i = 0; i < n; ++i) out[i] = in[i];
+  }
   return HSEG_OK;
 }
 
