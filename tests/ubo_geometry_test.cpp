@@ -28,7 +28,7 @@ TEST(Geometry, SmallCasesMoveEveryPixelWhereItBelongs) {
   // Refusals write nothing.
   EXPECT_EQ(img_rotate(src.get(), tall.get(), 45), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(img_rotate(src.get(), wide.get(), 90), HSEG_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(img_crop(src.get(), {2, 1, 2, 1}, tall.get()), HSEG_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(img_crop(src.get(), tall.get(), {2, 1, 2, 1}), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(img_pad_reflect(src.get(), wide.get(), 0, 0, -1, 1), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(get_rows(tall.get()), (Rows{{4, 1}, {5, 2}, {6, 3}}));
   GuardedImage five(3, 2, 5);
@@ -66,7 +66,7 @@ TEST(Geometry, TurnsFlipsAndPaddingUndoThemselves) {
       // Padding, then cropping by copy and by view.
       GuardedImage pad(w + left + right, h + top + bottom, c);
       ASSERT_EQ(img_pad_reflect(src.get(), pad.get(), top, bottom, left, right), HSEG_OK);
-      ASSERT_EQ(img_crop(pad.get(), {left, top, w, h}, t4.get()), HSEG_OK);
+      ASSERT_EQ(img_crop(pad.get(), t4.get(), {left, top, w, h}), HSEG_OK);
       EXPECT_TRUE(same_pixels(t4.get(), src.get()));
       Image *view = nullptr;
       ASSERT_EQ(img_crop_view(nullptr, pad.get(), {left, top, w, h}, &view), HSEG_OK);

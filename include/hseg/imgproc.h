@@ -69,13 +69,14 @@ HSEG_API MRESULT img_flip(const Image *src, Image *dst, int32_t code);
 
 /* Makes in *out a view of `rect` inside `src` without copying: it shares
  * src's pixels and pitch and must not outlive src. Release it with
- * release_img_pesudo. Any depth and channel count. `rect` must be non-empty
- * and lie inside src (2 otherwise). *out is NULL on failure. */
+ * release_img_pesudo. Any channel count, depth 8, 16 or 32. `rect` must be
+ * non-empty and lie inside src (2 otherwise). *out is NULL on failure. */
 HSEG_API MRESULT img_crop_view(MHandle mem, const Image *src, ImgRect rect, Image **out);
 
-/* Copies `rect` of `src` into `dst`, which is rect.width x rect.height with
- * src's channels and depth. `rect` must lie inside src. */
-HSEG_API MRESULT img_crop(const Image *src, ImgRect rect, Image *dst);
+/* Copies `rect` of `src` (any channel count, depth 8, 16 or 32) into `dst`,
+ * which is rect.width x rect.height with src's channels and depth. `rect`
+ * must be non-empty and lie inside src. */
+HSEG_API MRESULT img_crop(const Image *src, Image *dst, ImgRect rect);
 
 /* Pads `src` into `dst` by reflection without repeating the edge pixel
  * (dcb|abcd|cba, OpenCV's BORDER_REFLECT_101): dst is (left + src width +

@@ -135,7 +135,7 @@ MRESULT img_crop_view(MHandle mem, const Image *src, ImgRect rect, Image **out) 
   return *out == nullptr ? HSEG_ERR_NO_MEMORY : HSEG_OK;
 }
 
-MRESULT img_crop(const Image *src, ImgRect rect, Image *dst) {
+MRESULT img_crop(const Image *src, Image *dst, ImgRect rect) {
   MRESULT s = hseg::ubo::check_image_any_depth(src, hseg::ubo::kAnyChannels);
   if (s == HSEG_OK) s = check_image(dst, src->depth, hseg::ubo::kAnyChannels);
   if (s != HSEG_OK) return s;
