@@ -21,6 +21,17 @@ int main(void) {
     (void)o;
   }
   {
+    double m[4] = {2, 0, 0, 4};
+    ImgRect box = {1, 1, 1, 1};
+    Image *mask = createimg(mem, 3, 2, 8, 1);
+    if (mask == NULL || img_mask_bbox(mask, &box) != HSEG_OK || box.width != 0 ||
+        matrix_inverse(m, m, 2) != HSEG_OK || m[0] != 0.5 || m[3] != 0.25) {
+      fprintf(stderr, "image toolkit from C gave a wrong result\n");
+      return 1;
+    }
+    release_img(mem, &mask);
+  }
+  {
     /* A blur and a background effect called from C. */
     uint8_t px[4 * 3] = {0, 30, 60, 90, 120, 150, 180, 210, 240, 10, 20, 30};
     uint8_t out[4 * 3];

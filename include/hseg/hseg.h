@@ -6,6 +6,7 @@
 #include "hseg/flatnn.h"
 #include "hseg/crf.h"
 #include "hseg/resize.h"
+#include "hseg/imgproc.h"
 #include "hseg/blur.h"
 
 #endif /* HSEG_HSEG_H_ */
