@@ -102,15 +102,15 @@ class Segmentation(unittest.TestCase):
         cls.run_tool("-o", mask, PHOTO)
         cls.tool_photo = np.asarray(Image.open(mask))
 
-        # An NV21 frame from a crop with odd sides (the chroma rounds up)
-        # below 473 (both enlarge it first), and a mask of another shape.
-        crop = cls.rgb[:353, :471]
+        # An NV21 frame from a crop with odd sides (the chroma rounds up), less
+        # than 473 high (both enlarge it first), and a mask of another shape.
+        crop = cls.rgb[:301, :511]
         vu = np.stack([crop[::2, ::2, 0], crop[::2, ::2, 2]], axis=-1)
         cls.nv21 = crop[:, :, 1].tobytes() + vu.tobytes()
         frame, mask = os.path.join(cls.tmp.name, "frame.nv21"), os.path.join(cls.tmp.name, "m.gray")
         with open(frame, "wb") as f:
             f.write(cls.nv21)
-        cls.run_tool("--raw", "nv21", "--size", "471x353", "--mask-size", "200x300", "-o", mask,
+        cls.run_tool("--raw", "nv21", "--size", "511x301", "--mask-size", "200x300", "-o", mask,
                      frame)
         cls.tool_nv21 = np.fromfile(mask, np.uint8).reshape(300, 200)
 
@@ -150,7 +150,7 @@ class Segmentation(unittest.TestCase):
     def test_two_threads_at_once_give_the_serial_masks(self):
         with ThreadPoolExecutor(2) as pool:
             photo = pool.submit(hseg.segment, self.rgb[:, :, ::-1])  # copied: reversed channels
-            frame = pool.submit(hseg.segment_yuv, self.nv21, hseg.NV21, 471, 353, (300, 200))
+            frame = pool.submit(hseg.segment_yuv, self.nv21, hseg.NV21, 511, 301, (300, 200))
             np.testing.assert_array_equal(photo.result(), self.tool_photo)
             np.testing.assert_array_equal(frame.result(), self.tool_nv21)
 
