@@ -13,12 +13,12 @@
 # headers. The tools ride with the library: they are small, and installing
 # hseg alone gives a working hseg-segment. The run-time dependencies of the
 # binaries (OpenBLAS, the C++ runtime) are read from them by dpkg-shlibdeps.
+# Each package's description follows the project's one-line summary.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME hseg)
 set(CPACK_PACKAGE_VENDOR hseg)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_COMPONENTS_ALL runtime dev python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -34,18 +34,17 @@ set(exact "(= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME hseg)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Person/background segmentation of photos and video frames
-libhseg separates a person from the background in a BGR, YUY2, I420 or NV21
-frame: a PSPNet network on OpenBLAS and a dense CRF give a mask of any size.
-This package holds the library, the network's weights (libdeeplab_data.so)
-and the tools hseg-segment and hseg-weights.")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "libhseg separates a person from the background in a BGR, YUY2, I420 or
+NV21 frame: a PSPNet network on OpenBLAS and a dense CRF give a mask of any
+size. This package holds the library, the network's weights
+(libdeeplab_data.so) and the tools hseg-segment and hseg-weights.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME hseg-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "hseg ${exact}")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "Person/background segmentation: development files
-Headers of libhseg's C interface, the libhseg.so link, the pkg-config file
-hseg.pc and the CMake package (find_package(hseg), target hseg::hseg).")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "Development files of libhseg: the headers of its C interface, the
+libhseg.so link, the pkg-config file hseg.pc and the CMake package
+(find_package(hseg), target hseg::hseg).")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hseg)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
@@ -55,9 +54,8 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-opencv | python3-pil")
 # before removal, as Debian's own Python packages do.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/debian/python/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/python/prerm)
-set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Person/background segmentation: Python module
-The module hseg segments numpy pictures and camera frames with libhseg:
-hseg.segment(bgr_array) and hseg.segment_yuv(frame, hseg.NV21, w, h) return
-the mask as a numpy array.")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "The Python module hseg segments numpy pictures and camera frames with
+libhseg: hseg.segment(bgr_array) and hseg.segment_yuv(frame, hseg.NV21, w, h)
+return the mask as a numpy array.")
 
 include(CPack)
