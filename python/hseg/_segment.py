@@ -22,8 +22,9 @@ def _mask_shape(mask_size, default):
     return size_arg(height, "mask height"), size_arg(width, "mask width")
 
 
-def _run(src, frame, mask_size, fast):
-    """Segments the image that `src` describes (its pixels in `frame`)."""
+def _run(src, mask_size, fast):
+    """Segments the image that `src` describes; the caller keeps its pixels
+    alive."""
     mask = np.empty(_mask_shape(mask_size, (src.height, src.width)), np.uint8)
     options = _native.HsegOptions(ctypes.sizeof(_native.HsegOptions),
                                   _native.NETWORK_FAST if fast else _native.NETWORK_EXACT)
@@ -31,10 +32,10 @@ def _run(src, frame, mask_size, fast):
         # Enlarged first (bilinear, to BGR) so that no side is below 473:
         # otherwise the network would see a black image.
         w, h = max(src.width, _NET_SIDE), max(src.height, _NET_SIDE)
-        frame = np.empty((h, w, 3), np.uint8)
-        _native.check(_native.lib.zevImageResize_BL(None, ctypes.byref(src), frame.ctypes.data,
+        bigger = np.empty((h, w, 3), np.uint8)
+        _native.check(_native.lib.zevImageResize_BL(None, ctypes.byref(src), bigger.ctypes.data,
                                                     w, h, 3 * w, 1), "enlarging the image")
-        src = descriptor(_native.PIXFMT_BGR24, w, h, [frame.ctypes.data], [3 * w])
+        src = descriptor(_native.PIXFMT_BGR24, w, h, [bigger.ctypes.data], [3 * w])
     dst = descriptor(_native.PIXFMT_GRAY, mask.shape[1], mask.shape[0], [mask.ctypes.data],
                      [mask.shape[1]])
     _native.check(_native.lib.HsegEx(None, ctypes.byref(src), ctypes.byref(dst),
@@ -61,8 +62,10 @@ def segment(image, mask_size=None, fast=False):
     shape, an empty picture or a bad mask_size, and hseg.Error when the library
     fails (out of memory, say). The GIL is released while the library works.
     """
-    src, frame = image_view(image, "image", _BGR, "an H x W x 3 uint8 array (BGR)")
-    return _run(src, frame, mask_size, fast)
+    # `pixels` holds what src points into (the image or its packed copy) and
+    # stays alive until the library is done with it.
+    src, pixels = image_view(image, "image", _BGR, "an H x W x 3 uint8 array (BGR)")
+    return _run(src, mask_size, fast)
 
 
 def segment_yuv(frame, fmt, width, height, mask_size=None, fast=False):
@@ -86,5 +89,5 @@ def segment_yuv(frame, fmt, width, height, mask_size=None, fast=False):
     hseg.Error when the library fails. The GIL is released while the library
     works.
     """
-    src, data = yuv_view(frame, fmt, width, height)
-    return _run(src, data, mask_size, fast)
+    src, data = yuv_view(frame, fmt, width, height)  # data: as `pixels` in segment()
+    return _run(src, mask_size, fast)
