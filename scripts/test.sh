@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the library and its tests, and runs the
-# test suite twice: in the Release build and in a build instrumented with
-# AddressSanitizer and UndefinedBehaviorSanitizer; then runs every libFuzzer
-# target for a bounded time.
+# test suite twice: in the Release build (then builds and checks the Debian
+# packages) and in a build instrumented with AddressSanitizer and
+# UndefinedBehaviorSanitizer; then runs every libFuzzer target for a bounded
+# time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/bootstrap.sh
@@ -11,6 +12,12 @@ jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DHSEG_BUILD_BENCH=OFF
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+# ---- debian packages ----
+# Built in build-deb/, their contents checked, and the tool, the module and a
+# C program run from them unpacked into a throwaway root.
+scripts/package.sh
+# ---- end of debian packages ----
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
