@@ -57,12 +57,22 @@ MRESULT check_frame(const OffscreenImage *frame, const OffscreenImage *out) {
 // The bilinear resizer takes sources of up to 65536 pixels a side.
 constexpr int32_t kMaxMaskSide = 65536;
 
+OffscreenImage gray(uint8_t *data, int32_t w, int32_t h, int32_t pitch) {
+  OffscreenImage g{};
+  g.format = HSEG_PIXFMT_GRAY;
+  g.width = w;
+  g.height = h;
+  g.planes[0] = data;
+  g.pitches[0] = pitch;
+  return g;
+}
+
+// The mask is read as one grey plane whatever its format code says.
 MRESULT check_mask(const OffscreenImage *mask) {
-  if (mask == nullptr || mask->planes[0] == nullptr || mask->width < 1 || mask->height < 1 ||
-      mask->width > kMaxMaskSide || mask->height > kMaxMaskSide ||
-      mask->pitches[0] < mask->width)
+  if (mask == nullptr || mask->width > kMaxMaskSide || mask->height > kMaxMaskSide)
     return HSEG_ERR_BAD_ARGUMENT;
-  return HSEG_OK;
+  const OffscreenImage g = gray(mask->planes[0], mask->width, mask->height, mask->pitches[0]);
+  return pixfmt::planes_ok(g) ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
 }
 
 MRESULT check_effect(const OffscreenImage *frame, const HsegBackgroundEffect *e) {
@@ -78,16 +88,6 @@ struct BlockDeleter {
   void operator()(uint8_t *p) const { MMemFree(mem, p); }
 };
 using Block = std::unique_ptr<uint8_t, BlockDeleter>;
-
-OffscreenImage gray(uint8_t *data, int32_t w, int32_t h, int32_t pitch) {
-  OffscreenImage g{};
-  g.format = HSEG_PIXFMT_GRAY;
-  g.width = w;
-  g.height = h;
-  g.planes[0] = data;
-  g.pitches[0] = pitch;
-  return g;
-}
 
 // One channel of a frame as the mixing sees it: sample (x, y) at
 // planes[p] + y * pitch + offset + x * step in frame, background and
@@ -219,6 +219,15 @@ MRESULT make_alpha(MHandle mem, const OffscreenImage &mask, int32_t w, int32_t h
   return GB_GaussianBlur(mem, &from, &to, feather_sigma(w, h));
 }
 
+// Sides of one 4:2:0 chroma plane as I420 keeps it. An NV21 frame's V,U
+// pairs are blurred as two such planes.
+int32_t chroma_width(int32_t w) {
+  return static_cast<int32_t>(pixfmt::row_bytes(HSEG_PIXFMT_I420, 1, w));
+}
+int32_t chroma_height(int32_t h) {
+  return static_cast<int32_t>(pixfmt::plane_rows(HSEG_PIXFMT_I420, 1, h));
+}
+
 // The blurred frame, planes packed, in `bg` (laid out as bg_desc says). An
 // NV21 frame's V,U pairs are split into two planes in `scratch` (half a
 // frame's pixels) and blurred from there into plane 1 of bg_desc, V above U.
@@ -240,7 +249,7 @@ MRESULT blur_frame(MHandle mem, const OffscreenImage &frame, float sigma, uint8_
   OffscreenImage y = gray(frame.planes[0], w, h, frame.pitches[0]);
   OffscreenImage by = gray(bg_desc->planes[0], w, h, bg_desc->pitches[0]);
   MRESULT s = GB_GaussianBlur(mem, &y, &by, sigma);
-  const int32_t cw = (w + 1) / 2, chh = (h + 1) / 2;
+  const int32_t cw = chroma_width(w), chh = chroma_height(h);
   const float csigma = sigma / 2;  // chroma is at half resolution both ways
   if (frame.format == HSEG_PIXFMT_I420) {
     for (int i = 1; i < 3 && s == HSEG_OK; ++i) {
@@ -303,8 +312,8 @@ MRESULT apply(MHandle mem, const OffscreenImage &frame, const OffscreenImage &ma
     b[i] = samples_of(bg, ch[i]);
     if (blur && frame.format == HSEG_PIXFMT_NV21 && ch[i].plane == 1) {
       // The blurred chroma is in two planes: V, then U.
-      const int32_t cw = (w + 1) / 2;
-      b[i] = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * ((h + 1) / 2)), cw, 1};
+      const int32_t cw = chroma_width(w);
+      b[i] = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * chroma_height(h)), cw, 1};
     }
   }
   mix_frame(frame, ch, b, n, alpha, out, arow);
