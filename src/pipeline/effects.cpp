@@ -19,11 +19,10 @@
 #include "hseg/blur.h"
 #include "hseg/pipeline.h"
 #include "hseg/resize.h"
+#include "pipeline/network.h"
 
 namespace hseg {
 namespace {
-
-constexpr int32_t kMaskSide = 473;  // the segmentation's own mask resolution
 
 // Feathering: a Gaussian of about 1/256 of the frame's shorter side (2.8
 // pixels at 720p), at least 1 pixel.
@@ -357,7 +356,8 @@ HSEG_API MRESULT HsegReplaceBackground(MHandle mem, const OffscreenImage *frame,
 HSEG_API MRESULT HsegSegmentBackground(MHandle mem, const OffscreenImage *frame,
                                        const HsegOptions *options,
                                        const HsegBackgroundEffect *effect, OffscreenImage *out) {
-  using hseg::kMaskSide;
+  // The mask at the segmentation's own resolution, the network's input side.
+  constexpr int32_t kMaskSide = hseg::kNetInputSize;
   MRESULT s = hseg::check_frame(frame, out);
   if (s == HSEG_OK) s = hseg::check_effect(frame, effect);
   if (s != HSEG_OK) return s;
