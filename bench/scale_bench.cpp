@@ -3,19 +3,14 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "hseg/resize.h"
+#include "support/frames.h"
 
 namespace {
 
-std::vector<uint8_t> noise(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::vector<uint8_t> v(n);
-  for (auto &b : v) b = static_cast<uint8_t>(rng());
-  return v;
-}
+using hseg_bench::noise;
 
 void set_rate(benchmark::State &state, int64_t dst_pixels) {
   state.counters["Mpix/s"] = benchmark::Counter(
@@ -41,32 +36,11 @@ BENCHMARK(BM_NearestMaskTo1080p)->Unit(benchmark::kMicrosecond);
 void BM_BilinearFrom1080p(benchmark::State &state) {
   const auto format = static_cast<uint32_t>(state.range(0));
   const auto colour = static_cast<int32_t>(state.range(1));
-  const int32_t w = 1920, h = 1080;
-  const std::vector<uint8_t> p0 = noise(3 * w * h, 2), p1 = noise(w * h / 2, 3),
-                             p2 = noise(w * h / 4, 4);
-  OffscreenImage src{};
-  src.format = format;
-  src.width = w;
-  src.height = h;
-  src.planes[0] = const_cast<uint8_t *>(p0.data());
-  switch (format) {
-    case HSEG_PIXFMT_BGR24: src.pitches[0] = 3 * w; break;
-    case HSEG_PIXFMT_YUY2: src.pitches[0] = 2 * w; break;
-    case HSEG_PIXFMT_I420:
-      src.pitches[0] = w;
-      src.planes[1] = const_cast<uint8_t *>(p1.data());
-      src.planes[2] = const_cast<uint8_t *>(p2.data());
-      src.pitches[1] = src.pitches[2] = w / 2;
-      break;
-    default:
-      src.pitches[0] = w;
-      src.planes[1] = const_cast<uint8_t *>(p1.data());
-      src.pitches[1] = w;
-  }
+  const hseg_bench::Frame src(format, 1920, 1080, 2);
   const int32_t dw = 640, dh = 360, dp = colour == 1 ? 3 * dw : dw;
   std::vector<uint8_t> out(static_cast<size_t>(dp) * dh);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(zevImageResize_BL(nullptr, &src, out.data(), dw, dh, dp, colour));
+    benchmark::DoNotOptimize(zevImageResize_BL(nullptr, &src.d, out.data(), dw, dh, dp, colour));
     benchmark::ClobberMemory();
   }
   set_rate(state, int64_t{dw} * dh);
