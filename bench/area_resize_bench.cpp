@@ -4,11 +4,12 @@
 #include <benchmark/benchmark.h>
 
 #include "hseg/resize.h"
+#include "pipeline/network.h"
 #include "support/frames.h"
 
 namespace {
 
-constexpr int32_t kSide = 473;
+constexpr int32_t kSide = hseg::kNetInputSize;
 
 template <MRESULT (*Resize)(MHandle, const OffscreenImage *, const OffscreenImage *)>
 void BM_AreaResize(benchmark::State &state) {

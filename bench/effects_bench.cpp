@@ -6,11 +6,12 @@
 #include <vector>
 
 #include "hseg/pipeline.h"
+#include "pipeline/network.h"
 #include "support/frames.h"
 
 namespace {
 
-constexpr int32_t kW = 1280, kH = 720, kMask = 473;
+constexpr int32_t kW = 1280, kH = 720, kMask = hseg::kNetInputSize;
 using hseg_bench::Frame;
 
 // A person-shaped blob: an ellipse in the middle of the mask.
