@@ -29,14 +29,6 @@ void add_bias(const float *bias, int num_output, size_t plane, float *output) {
   }
 }
 
-// The geometry in which the input itself could serve as the column matrix.
-// It asks for a zero-wide kernel, which argument checking rejects, so every
-// convolution, 1x1 included, goes through the column copy.
-bool input_is_column_matrix(const ConvShape &s) {
-  return s.kernel_h == 1 && s.pad_h == 0 && s.dilation_h == 1 && s.stride_h == 1 &&
-         s.kernel_w == 0 && s.pad_w == 1 && s.dilation_w == 1 && s.stride_w == 1;
-}
-
 // Output size along one axis; -1 when the geometry is rejected.
 int64_t conv_axis(int64_t in, int64_t kernel, int64_t pad, int64_t stride, int64_t dilation) {
   if (in < 1 || kernel < 1 || pad < 0 || stride < 1 || dilation < 1) return -1;
@@ -140,13 +132,9 @@ uint64_t forward_conv_with(const Heap &heap, const float *input, float *output,
   }
   WorkBuffer col(heap, static_cast<size_t>(col_count), false);
   if (col.data() == nullptr) return kNoMemory;
-  const float *columns = input;
-  if (!input_is_column_matrix(s)) {
-    im2col(input, s, col.data());
-    columns = col.data();
-  }
+  im2col(input, s, col.data());
   cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, num_output, static_cast<int>(n),
-              static_cast<int>(k), 1.0f, weight, static_cast<int>(k), columns,
+              static_cast<int>(k), 1.0f, weight, static_cast<int>(k), col.data(),
               static_cast<int>(n), 0.0f, output, static_cast<int>(n));
   // Each bias covers its own output plane (out_h*out_w values).
   if (bias != nullptr) add_bias(bias, num_output, static_cast<size_t>(n), output);
