@@ -84,14 +84,11 @@ void im2col(const float *input, const ConvShape &s, float *col) {
     const float *plane = input + static_cast<size_t>(c) * s.height * s.width;
     for (int kh = 0; kh < s.kernel_h; ++kh) {
       for (int kw = 0; kw < s.kernel_w; ++kw) {
-        // Columns [lo, hi) read inside the row: iw = x0 + ow*stride_w lies
-        // in [0, width) exactly for ceil(-x0/stride) <= ow <= (width-1-x0)/stride.
+        // Columns [lo, hi) read inside the row.
         const int64_t x0 = static_cast<int64_t>(kw) * s.dilation_w - s.pad_w;
         const int64_t sw = s.stride_w;
-        int64_t lo = x0 >= 0 ? 0 : (-x0 + sw - 1) / sw;
-        int64_t hi = (s.width - 1 - x0) < 0 ? 0 : (s.width - 1 - x0) / sw + 1;
-        lo = std::min<int64_t>(lo, s.out_w);
-        hi = std::max(lo, std::min<int64_t>(hi, s.out_w));
+        int64_t lo, hi;
+        inside_columns(x0, sw, s.width, s.out_w, &lo, &hi);
         for (int oh = 0; oh < s.out_h; ++oh, col += out_w) {
           const int ih = oh * s.stride_h - s.pad_h + kh * s.dilation_h;
           if (static_cast<unsigned>(ih) >= static_cast<unsigned>(s.height)) {

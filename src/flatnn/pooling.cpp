@@ -19,18 +19,6 @@ using namespace hseg::flatnn;
 
 namespace {
 
-// Pooled size along one axis: ceil((in + 2*pad - kernel) / stride) + 1, the
-// quotient formed in single precision. -1 when the geometry is rejected.
-int64_t pooled_axis(int in, int kernel, int stride, int pad) {
-  if (in < 1 || kernel < 1 || stride < 1 || pad < 0) return -1;
-  if (int64_t{in} + 2 * int64_t{pad} > kMaxCount) return -1;
-  const int span = in + 2 * pad - kernel;
-  // |span| < 2^31, so the rounded-up quotient converts to int64 safely.
-  const int64_t out =
-      static_cast<int64_t>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
-  return (out >= 1 && out <= kMaxCount) ? out : -1;
-}
-
 // Clipped window [start, end) along one axis for output position p. `end`
 // may fall below `start` when the window begins past the image.
 struct Window {
@@ -45,8 +33,8 @@ template <bool kMax>
 uint64_t pool(const float *input, int width, int height, int channels, float *output,
               int kernel_w, int kernel_h, int stride_w, int stride_h, int pad_w, int pad_h) {
   if (channels < 1) return kOk;
-  const int64_t pooled_h = pooled_axis(height, kernel_h, stride_h, pad_h);
-  const int64_t pooled_w = pooled_axis(width, kernel_w, stride_w, pad_w);
+  const int64_t pooled_h = pool_output_size(height, kernel_h, stride_h, pad_h);
+  const int64_t pooled_w = pool_output_size(width, kernel_w, stride_w, pad_w);
   int64_t in_count, out_count;
   if (input == nullptr || output == nullptr || pooled_h < 1 || pooled_w < 1 ||
       !count_of({channels, height, width}, &in_count) ||
@@ -111,6 +99,22 @@ inline InterpTap interp_tap(float ratio, int d, int64_t size) {
 }
 
 }  // namespace
+
+namespace hseg {
+namespace flatnn {
+
+int64_t pool_output_size(int in, int kernel, int stride, int pad) {
+  if (in < 1 || kernel < 1 || stride < 1 || pad < 0) return -1;
+  if (int64_t{in} + 2 * int64_t{pad} > kMaxCount) return -1;
+  const int span = in + 2 * pad - kernel;
+  // |span| < 2^31, so the rounded-up quotient converts to int64 safely.
+  const int64_t out =
+      static_cast<int64_t>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
+  return (out >= 1 && out <= kMaxCount) ? out : -1;
+}
+
+}  // namespace flatnn
+}  // namespace hseg
 
 extern "C" {
 
