@@ -39,6 +39,31 @@ int64_t conv_axis(int64_t in, int64_t kernel, int64_t pad, int64_t stride, int64
   return out >= 1 ? out : -1;
 }
 
+// col2im of a deconvolution, accumulated: row (m*kernel_h + i)*kernel_w + j,
+// column y*width + x of `col` adds to plane m of `acc` at (y*stride_h -
+// pad_h + i, x*stride_w - pad_w + j) when that lies in its out_h x out_w.
+// `s` holds the input size (height, width), the output size and the channel
+// count m of one group.
+void col2im_add(const float *col, const ConvShape &s, float *acc) {
+  const size_t out_plane = static_cast<size_t>(s.out_h) * s.out_w;
+  for (int m = 0; m < s.channels; ++m) {
+    float *plane = acc + static_cast<size_t>(m) * out_plane;
+    for (int i = 0; i < s.kernel_h; ++i) {
+      for (int j = 0; j < s.kernel_w; ++j) {
+        for (int y = 0; y < s.height; ++y, col += s.width) {
+          const int64_t oy = int64_t{y} * s.stride_h - s.pad_h + i;
+          if (oy < 0 || oy >= s.out_h) continue;
+          float *dst_row = plane + static_cast<size_t>(oy) * s.out_w;
+          for (int x = 0; x < s.width; ++x) {
+            const int64_t ox = int64_t{x} * s.stride_w - s.pad_w + j;
+            if (ox >= 0 && ox < s.out_w) dst_row[ox] += col[x];
+          }
+        }
+      }
+    }
+  }
+}
+
 }  // namespace
 
 const Heap &c_heap() {
@@ -190,49 +215,26 @@ uint64_t deconv_float_with(const Heap &heap, const float *input, int width, int 
       !count_of({num_output, out_plane}, &out_count) || !count_of({channels, k_g}, &w_count)) {
     return kBadArgument;
   }
-  const int out_h = static_cast<int>(out_h64), out_w = static_cast<int>(out_w64);
+  // Each group's m_g output channels, as the adjoint maps them.
+  const ConvShape s{num_output / group, height, width, kernel_h, kernel_w, pad_h, pad_w,
+                    stride_h, stride_w, 1, 1, static_cast<int>(out_h64),
+                    static_cast<int>(out_w64)};
   WorkBuffer col(heap, static_cast<size_t>(col_count), false);
   if (col.data() == nullptr) return kNoMemory;
   WorkBuffer acc(heap, static_cast<size_t>(out_count), true);
   if (acc.data() == nullptr) return kNoMemory;
 
-  const int c_g = channels / group, m_g = num_output / group;
+  const int c_g = channels / group, m_g = s.channels;
   const int kg = static_cast<int>(k_g), nn = static_cast<int>(n);
   for (int g = 0; g < group; ++g) {
     // col = W_g^T * input_g: (m_g*kernel_h*kernel_w) x (height*width).
     cblas_sgemm(CblasRowMajor, CblasTrans, CblasNoTrans, kg, nn, c_g, 1.0f,
                 weight + static_cast<size_t>(g) * c_g * kg, kg,
                 input + static_cast<size_t>(g) * c_g * nn, nn, 0.0f, col.data(), nn);
-    // col2im: row (m*kernel_h + i)*kernel_w + j, column y*width + x adds to
-    // output (g*m_g + m, y*stride_h - pad_h + i, x*stride_w - pad_w + j).
-    const float *src = col.data();
-    for (int m = 0; m < m_g; ++m) {
-      float *plane = acc.data() + static_cast<size_t>(g * m_g + m) * out_plane;
-      for (int i = 0; i < kernel_h; ++i) {
-        for (int j = 0; j < kernel_w; ++j) {
-          for (int y = 0; y < height; ++y, src += width) {
-            const int64_t oy = int64_t{y} * stride_h - pad_h + i;
-            if (oy < 0 || oy >= out_h) continue;
-            float *dst_row = plane + static_cast<size_t>(oy) * out_w;
-            for (int x = 0; x < width; ++x) {
-              const int64_t ox = int64_t{x} * stride_w - pad_w + j;
-              if (ox >= 0 && ox < out_w) dst_row[ox] += src[x];
-            }
-          }
-        }
-      }
-    }
+    col2im_add(col.data(), s, acc.data() + static_cast<size_t>(g) * m_g * out_plane);
   }
-  if (bias == nullptr) {
-    std::memcpy(output, acc.data(), static_cast<size_t>(out_count) * sizeof(float));
-  } else {
-    for (int m = 0; m < num_output; ++m) {
-      const float b = bias[m];
-      const float *a = acc.data() + static_cast<size_t>(m) * out_plane;
-      float *dst = output + static_cast<size_t>(m) * out_plane;
-      for (int64_t i = 0; i < out_plane; ++i) dst[i] = a[i] + b;
-    }
-  }
+  std::memcpy(output, acc.data(), static_cast<size_t>(out_count) * sizeof(float));
+  if (bias != nullptr) add_bias(bias, num_output, static_cast<size_t>(out_plane), output);
   return kOk;
 }
 
