@@ -79,16 +79,13 @@ namespace {
 
 // Source index for destination index d, written for the whole range at once.
 // `scale` multiplies each index into the table (the channel count for
-// columns).
+// columns). The index stays below src for every d < dst: the numerator is at
+// most 2 * dst * src - 2 * src + min - 1, and min - 1 < 2 * src.
 void build_index_table(int32_t src, int32_t dst, int32_t scale, int32_t *out) {
   int64_t num = std::min(src, dst) - 1;
   const int64_t step = 2 * int64_t{src};
   const int64_t den = 2 * int64_t{dst};
-  for (int32_t d = 0; d < dst; ++d, num += step) {
-    int64_t s = num / den;
-    if (s >= src) s -= 1;  // cannot happen for d < dst; kept as a guard
-    out[d] = static_cast<int32_t>(s) * scale;
-  }
+  for (int32_t d = 0; d < dst; ++d, num += step) out[d] = static_cast<int32_t>(num / den) * scale;
 }
 
 void gather_row_c3(const uint8_t *src, const int32_t *cols, int32_t n, uint8_t *dst) {
@@ -153,8 +150,7 @@ extern "C" HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, i
   int64_t prev_sy = -1;
   const uint8_t *prev_row = nullptr;
   for (int32_t dy = 0; dy < dst_height; ++dy, num += step) {
-    int64_t sy = num / den;
-    if (sy >= src_height) sy -= 1;
+    const int64_t sy = num / den;
     uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
     if (sy == prev_sy) {
       std::memcpy(out, prev_row, static_cast<size_t>(dst_row_bytes));
