@@ -151,8 +151,8 @@ void fit_classifier(const std::vector<float> &features, int channels, std::vecto
                     std::vector<float> *b) {
   const int64_t n = static_cast<int64_t>(features.size()) / channels;
   const std::vector<double> mean = channel_means(features, channels, n);
-  const std::vector<double> u =
-      principal_direction(features, mean, n, std::vector<double>(w->begin(), w->begin() + channels));
+  const std::vector<double> u = principal_direction(
+      features, mean, n, std::vector<double>(w->begin(), w->begin() + channels));
   for (int c = 0; c < channels; ++c) (*w)[c] = static_cast<float>(u[c]);
   double sq = 0.0;
   for (int64_t i = 0; i < n; ++i) {

@@ -132,8 +132,8 @@ class RowCache {
 // one output row: 20 fraction bits in all, rounded half up and clamped.
 // Kept out of line: inlined into the row loop with the horizontal filter,
 // GCC's code for the whole ran about 6% slower.
-__attribute__((noinline)) void vertical_filter(const int32_t *const r[4], const int32_t *k, int32_t v, uint8_t *out,
-                     int32_t dst_w) {
+__attribute__((noinline)) void vertical_filter(const int32_t *const r[4], const int32_t *k,
+                                               int32_t v, uint8_t *out, int32_t dst_w) {
   const int32_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
                 w3 = k[2 * (1024 - v) + 1];
   const int32_t *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3];
