@@ -319,6 +319,16 @@ MRESULT apply(MHandle mem, const OffscreenImage &frame, const OffscreenImage &ma
   return HSEG_OK;
 }
 
+// The effect record the two direct entries stand for.
+HsegBackgroundEffect effect_of(uint32_t kind, float sigma, const OffscreenImage *picture) {
+  HsegBackgroundEffect e{};
+  e.size = sizeof e;
+  e.kind = kind;
+  e.sigma = sigma;
+  e.picture = picture;
+  return e;
+}
+
 MRESULT effect_entry(MHandle mem, const OffscreenImage *frame, const OffscreenImage *mask,
                      const HsegBackgroundEffect &e, OffscreenImage *out) {
   MRESULT s = check_frame(frame, out);
@@ -336,21 +346,15 @@ extern "C" {
 HSEG_API MRESULT HsegBlurBackground(MHandle mem, const OffscreenImage *frame,
                                     const OffscreenImage *mask, float sigma,
                                     OffscreenImage *out) {
-  HsegBackgroundEffect e{};
-  e.size = sizeof e;
-  e.kind = HSEG_BACKGROUND_BLUR;
-  e.sigma = sigma;
-  return hseg::effect_entry(mem, frame, mask, e, out);
+  return hseg::effect_entry(mem, frame, mask, hseg::effect_of(HSEG_BACKGROUND_BLUR, sigma, nullptr),
+                           out);
 }
 
 HSEG_API MRESULT HsegReplaceBackground(MHandle mem, const OffscreenImage *frame,
                                        const OffscreenImage *mask, const OffscreenImage *picture,
                                        OffscreenImage *out) {
-  HsegBackgroundEffect e{};
-  e.size = sizeof e;
-  e.kind = HSEG_BACKGROUND_REPLACE;
-  e.picture = picture;
-  return hseg::effect_entry(mem, frame, mask, e, out);
+  return hseg::effect_entry(mem, frame, mask,
+                           hseg::effect_of(HSEG_BACKGROUND_REPLACE, 0.0f, picture), out);
 }
 
 HSEG_API MRESULT HsegSegmentBackground(MHandle mem, const OffscreenImage *frame,
