@@ -15,6 +15,7 @@
 
 #include "crf/dense_crf.h"
 #include "hseg/crf.h"
+#include "pipeline/network.h"
 
 // Counting allocator: replaces the library's MMemAlloc/MMemFree in this
 // program to report the peak number of bytes held.
@@ -46,9 +47,9 @@ void MMemFree(MHandle, void *ptr) {
 
 namespace {
 
-constexpr int kW = 473;
-constexpr int kH = 473;
-constexpr int kCoarse = 60;
+constexpr int kW = hseg::kNetInputSize;
+constexpr int kH = hseg::kNetInputSize;
+constexpr int kCoarse = hseg::kNetScoreSize;
 
 // A guide that looks like a portrait: a background of smooth colour fields
 // (a few overlapping sinusoids per channel, like walls, furniture and light

@@ -3,33 +3,16 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <random>
 #include <vector>
 
-#include "common/pixfmt.h"
 #include "hseg/pipeline.h"
+#include "pipeline/network.h"
+#include "support/frames.h"
 
 namespace {
 
-constexpr int32_t kW = 1280, kH = 720, kMask = 473;
-
-struct Frame {
-  std::vector<uint8_t> planes[3];
-  OffscreenImage d{};
-  Frame(uint32_t format, uint32_t seed) {
-    std::mt19937 rng(seed);
-    d.format = format;
-    d.width = kW;
-    d.height = kH;
-    for (int i = 0; i < hseg::pixfmt::plane_count(format); ++i) {
-      const auto row = static_cast<int32_t>(hseg::pixfmt::row_bytes(format, i, kW));
-      planes[i].resize(size_t(row) * hseg::pixfmt::plane_rows(format, i, kH));
-      for (auto &v : planes[i]) v = static_cast<uint8_t>(rng());
-      d.planes[i] = planes[i].data();
-      d.pitches[i] = row;
-    }
-  }
-};
+constexpr int32_t kW = 1280, kH = 720, kMask = hseg::kNetInputSize;
+using hseg_bench::Frame;
 
 // A person-shaped blob: an ellipse in the middle of the mask.
 std::vector<uint8_t> blob_mask() {
@@ -45,8 +28,8 @@ std::vector<uint8_t> blob_mask() {
 // Arguments: frame format, effect (0 blur sigma 12, 1 replace).
 void BM_BackgroundEffect720p(benchmark::State &state) {
   const auto format = static_cast<uint32_t>(state.range(0));
-  const Frame frame(format, 1), picture(format, 2);
-  Frame out(format, 3);
+  const Frame frame(format, kW, kH, 1), picture(format, kW, kH, 2);
+  Frame out(format, kW, kH, 3);
   std::vector<uint8_t> m = blob_mask();
   const OffscreenImage mask{HSEG_PIXFMT_GRAY, kMask, kMask, {m.data()}, {kMask}};
   for (auto _ : state) {

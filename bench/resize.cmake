@@ -1,7 +1,5 @@
-# ---- area resize to BGR ----
+# Area resize to BGR
 hseg_add_bench(area_resize_bench LIBS hseg_resize SOURCES area_resize_bench.cpp)
-# ---- end of area resize ----
 
-# ---- nearest, bilinear and bicubic ----
+# Nearest, bilinear and bicubic
 hseg_add_bench(scale_bench LIBS hseg_resize SOURCES scale_bench.cpp)
-# ---- end of nearest, bilinear and bicubic ----

@@ -2,20 +2,17 @@
 // one call and the destination megapixels written per second ("Mpix/s").
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "hseg/resize.h"
+#include "pipeline/network.h"
+#include "support/frames.h"
 
 namespace {
 
-std::vector<uint8_t> noise(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::vector<uint8_t> v(n);
-  for (auto &b : v) b = static_cast<uint8_t>(rng());
-  return v;
-}
+using hseg_bench::noise;
 
 void set_rate(benchmark::State &state, int64_t dst_pixels) {
   state.counters["Mpix/s"] = benchmark::Counter(
@@ -23,15 +20,20 @@ void set_rate(benchmark::State &state, int64_t dst_pixels) {
       benchmark::Counter::kIsRate);
 }
 
-// The pipeline's last step: the 473 x 473 mask to a full-HD output.
+// The pipeline's last step: its mask, an image record of the network's
+// input size, to a full-HD output.
 void BM_NearestMaskTo1080p(benchmark::State &state) {
-  const std::vector<uint8_t> mask = noise(476 * 473, 1);
+  constexpr int32_t kSide = hseg::kNetInputSize;
+  Image *mask = createimg(nullptr, kSide, kSide, 8, 1);
+  const std::vector<uint8_t> bytes = noise(mask->size, 1);
+  std::copy(bytes.begin(), bytes.end(), mask->data);
   std::vector<uint8_t> out(1920 * 1080);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        zevImageResize_NN(nullptr, mask.data(), 476, 473, 473, out.data(), 1920, 1920, 1080, 1));
+    benchmark::DoNotOptimize(zevImageResize_NN(nullptr, mask->data, int32_t(mask->pitch), kSide,
+                                               kSide, out.data(), 1920, 1920, 1080, 1));
     benchmark::ClobberMemory();
   }
+  release_img(nullptr, &mask);
   set_rate(state, 1920 * 1080);
 }
 BENCHMARK(BM_NearestMaskTo1080p)->Unit(benchmark::kMicrosecond);
@@ -41,32 +43,11 @@ BENCHMARK(BM_NearestMaskTo1080p)->Unit(benchmark::kMicrosecond);
 void BM_BilinearFrom1080p(benchmark::State &state) {
   const auto format = static_cast<uint32_t>(state.range(0));
   const auto colour = static_cast<int32_t>(state.range(1));
-  const int32_t w = 1920, h = 1080;
-  const std::vector<uint8_t> p0 = noise(3 * w * h, 2), p1 = noise(w * h / 2, 3),
-                             p2 = noise(w * h / 4, 4);
-  OffscreenImage src{};
-  src.format = format;
-  src.width = w;
-  src.height = h;
-  src.planes[0] = const_cast<uint8_t *>(p0.data());
-  switch (format) {
-    case HSEG_PIXFMT_BGR24: src.pitches[0] = 3 * w; break;
-    case HSEG_PIXFMT_YUY2: src.pitches[0] = 2 * w; break;
-    case HSEG_PIXFMT_I420:
-      src.pitches[0] = w;
-      src.planes[1] = const_cast<uint8_t *>(p1.data());
-      src.planes[2] = const_cast<uint8_t *>(p2.data());
-      src.pitches[1] = src.pitches[2] = w / 2;
-      break;
-    default:
-      src.pitches[0] = w;
-      src.planes[1] = const_cast<uint8_t *>(p1.data());
-      src.pitches[1] = w;
-  }
+  const hseg_bench::Frame src(format, 1920, 1080, 2);
   const int32_t dw = 640, dh = 360, dp = colour == 1 ? 3 * dw : dw;
   std::vector<uint8_t> out(static_cast<size_t>(dp) * dh);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(zevImageResize_BL(nullptr, &src, out.data(), dw, dh, dp, colour));
+    benchmark::DoNotOptimize(zevImageResize_BL(nullptr, &src.d, out.data(), dw, dh, dp, colour));
     benchmark::ClobberMemory();
   }
   set_rate(state, int64_t{dw} * dh);

@@ -216,8 +216,6 @@ TEST(GaussianBlur, StaysCloseToTheExactGaussian) {
     const int p999 = diff[diff.size() * 999 / 1000];
     EXPECT_LE(mean, 1.3) << "sigma " << sigma;
     EXPECT_LE(p999, 16) << "sigma " << sigma;
-    std::printf("sigma %5.1f: mean |difference| %.3f, 99.9th percentile %d, max %d\n", sigma,
-                mean, p999, diff.back());
   }
 }
 
@@ -400,7 +398,7 @@ TEST(BlurEntries, AllocationFailureWritesNothing) {
     Picture blank(f, 20, 9);
     for (int32_t y = 0; y < 9; ++y) std::memset(blank.row(y), 0x77, blank.row_bytes());
     for (int mode = 0; mode < 6; ++mode) {
-      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+      for_each_alloc_failure([&](int64_t failing) {
         Picture in = src, out = blank;
         OffscreenImage s = in.desc(), d = mode >= 4 ? in.desc() : out.desc();
         const MRESULT got = mode == 0 ? GB_BoxBlur(nullptr, &s, &d, 3)
@@ -416,7 +414,6 @@ TEST(BlurEntries, AllocationFailureWritesNothing) {
                                 : out.rows_equal(blank, 0, 9) && out.padding_is(kPad));
         }
       });
-      EXPECT_EQ(n, 1) << "one work block";
     }
   }
 }

@@ -72,10 +72,11 @@ CaffeLayer *layer(std::vector<CaffeLayer> &layers, const std::string &name) {
 
 std::string pass_scores(const float *const *weights) {
   std::mt19937 rng(12);
-  std::vector<uint8_t> bgr(473 * 1419);
+  constexpr int kPitch = 3 * hseg::kNetInputSize;
+  std::vector<uint8_t> bgr(size_t{kPitch} * hseg::kNetInputSize);
   for (uint8_t &b : bgr) b = static_cast<uint8_t>(rng());
   std::vector<float> scores(hseg::kNetScoreCount, -1.0f);
-  EXPECT_EQ(hseg::net_forward(bgr.data(), 1419, scores.data(), weights, nullptr), HSEG_OK);
+  EXPECT_EQ(hseg::net_forward(bgr.data(), kPitch, scores.data(), weights, nullptr), HSEG_OK);
   return std::string(reinterpret_cast<const char *>(scores.data()), scores.size() * sizeof(float));
 }
 

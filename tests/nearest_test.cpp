@@ -124,7 +124,7 @@ TEST(Nearest, AllocationFailureWritesNothingAndLeaksNothing) {
       EXPECT_EQ(s, failing == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY);
       EXPECT_TRUE(failing == 0 || untouched(dst));
     });
-    EXPECT_EQ(n, 1);  // one work block
+    EXPECT_GE(n, 1);
   }
 }
 

@@ -288,67 +288,71 @@ bool read_layout_stream(FILE *file, FileLayout *layout, std::vector<std::string>
   return errors->size() == errors_before;
 }
 
-std::vector<std::string> validate(const std::string &path, const std::vector<TensorShape> &shapes,
-                                  FileLayout *layout) {
-  std::vector<std::string> errors;
-  if (!read_layout(path, layout, &errors)) return errors;
+namespace {
 
+// Names, dtypes and shapes against the expected list; the tensors that pass
+// are appended to `to_scan`.
+void check_tensors(const FileLayout &layout, const std::vector<TensorShape> &shapes,
+                   std::vector<std::string> *errors, std::vector<const TensorEntry *> *to_scan) {
   std::map<std::string, const TensorEntry *> by_name;
-  for (const TensorEntry &t : layout->tensors) by_name[t.name] = &t;
+  for (const TensorEntry &t : layout.tensors) by_name[t.name] = &t;
   std::set<std::string> expected;
-  std::vector<const TensorEntry *> to_scan;
   for (const TensorShape &s : shapes) {
     expected.insert(s.name);
     const auto it = by_name.find(s.name);
     if (it == by_name.end()) {
-      errors.push_back("missing tensor " + s.name + " (float32 " + shape_text(s.shape) + ")");
+      errors->push_back("missing tensor " + s.name + " (float32 " + shape_text(s.shape) + ")");
       continue;
     }
     const TensorEntry &t = *it->second;
     bool ok = true;
     if (t.dtype != "F32") {
-      errors.push_back("tensor " + s.name + ": dtype " + t.dtype + ", expected F32");
+      errors->push_back("tensor " + s.name + ": dtype " + t.dtype + ", expected F32");
       ok = false;
     }
     if (t.shape != s.shape) {
-      errors.push_back("tensor " + s.name + ": shape " + shape_text(t.shape) + ", expected " +
-                       shape_text(s.shape));
+      errors->push_back("tensor " + s.name + ": shape " + shape_text(t.shape) + ", expected " +
+                        shape_text(s.shape));
       ok = false;
     }
-    if (ok) to_scan.push_back(&t);
+    if (ok) to_scan->push_back(&t);
   }
-  for (const TensorEntry &t : layout->tensors)
-    if (expected.count(t.name) == 0) errors.push_back("unexpected tensor " + t.name);
+  for (const TensorEntry &t : layout.tensors)
+    if (expected.count(t.name) == 0) errors->push_back("unexpected tensor " + t.name);
+}
 
-  // Values: read in file order so the scan is one sequential pass.
-  std::sort(to_scan.begin(), to_scan.end(),
+// Every value of the tensors finite, the first non-finite one of each
+// reported. Read in file order so the scan is one sequential pass.
+void check_values(const std::string &path, const FileLayout &layout,
+                  std::vector<const TensorEntry *> tensors, std::vector<std::string> *errors) {
+  std::sort(tensors.begin(), tensors.end(),
             [](const TensorEntry *a, const TensorEntry *b) { return a->begin < b->begin; });
   File f(std::fopen(path.c_str(), "rb"));
   if (!f) {
-    errors.push_back("cannot reopen the file: " + std::string(std::strerror(errno)));
-    return errors;
+    errors->push_back("cannot reopen the file: " + std::string(std::strerror(errno)));
+    return;
   }
   std::vector<uint32_t> buf(1u << 18);
-  for (const TensorEntry *t : to_scan) {
-    if (std::fseek(f.get(), static_cast<long>(layout->data_start + t->begin), SEEK_SET) != 0) {
-      errors.push_back("cannot seek to tensor " + t->name);
-      return errors;
+  for (const TensorEntry *t : tensors) {
+    if (std::fseek(f.get(), static_cast<long>(layout.data_start + t->begin), SEEK_SET) != 0) {
+      errors->push_back("cannot seek to tensor " + t->name);
+      return;
     }
     uint64_t left = (t->end - t->begin) / 4, index = 0;
     bool reported = false;
     while (left > 0) {
       const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));
       if (!read_exact(f.get(), buf.data(), n * 4)) {
-        errors.push_back("cannot read tensor " + t->name);
-        return errors;
+        errors->push_back("cannot read tensor " + t->name);
+        return;
       }
       for (size_t i = 0; i < n && !reported; ++i) {
         const uint32_t bits = buf[i];  // little-endian host: the stored bit pattern
         if ((bits & 0x7f800000u) == 0x7f800000u) {
           float v;
           std::memcpy(&v, &bits, sizeof v);
-          errors.push_back("tensor " + t->name + ": element " + std::to_string(index + i) +
-                           " is " + non_finite_name(v) + ", every value must be finite");
+          errors->push_back("tensor " + t->name + ": element " + std::to_string(index + i) +
+                            " is " + non_finite_name(v) + ", every value must be finite");
           reported = true;
         }
       }
@@ -356,6 +360,17 @@ std::vector<std::string> validate(const std::string &path, const std::vector<Ten
       index += n;
     }
   }
+}
+
+}  // namespace
+
+std::vector<std::string> validate(const std::string &path, const std::vector<TensorShape> &shapes,
+                                  FileLayout *layout) {
+  std::vector<std::string> errors;
+  if (!read_layout(path, layout, &errors)) return errors;
+  std::vector<const TensorEntry *> to_scan;
+  check_tensors(*layout, shapes, &errors, &to_scan);
+  check_values(path, *layout, std::move(to_scan), &errors);
   return errors;
 }
 

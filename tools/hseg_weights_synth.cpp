@@ -108,6 +108,69 @@ void on_tap(void *user, const hseg::NetTap &t) {
   cal->feature_channels = t.channels;
 }
 
+// Per-channel means of `channels` planes of n features each.
+std::vector<double> channel_means(const std::vector<float> &f, int channels, int64_t n) {
+  std::vector<double> mean(channels, 0.0);
+  for (int c = 0; c < channels; ++c) {
+    for (int64_t i = 0; i < n; ++i) mean[c] += f[c * n + i];
+    mean[c] /= static_cast<double>(n);
+  }
+  return mean;
+}
+
+// The features' first principal component by power iteration from `u`. It
+// varies most over the picture, so d changes over regions rather than pixels.
+std::vector<double> principal_direction(const std::vector<float> &f,
+                                        const std::vector<double> &mean, int64_t n,
+                                        std::vector<double> u) {
+  const int channels = static_cast<int>(mean.size());
+  std::vector<double> d(n), next(channels);
+  for (int iter = 0; iter < kPowerIterations; ++iter) {
+    for (int64_t i = 0; i < n; ++i) {
+      double acc = 0.0;
+      for (int c = 0; c < channels; ++c) acc += u[c] * (f[c * n + i] - mean[c]);
+      d[i] = acc;
+    }
+    double norm = 0.0;
+    for (int c = 0; c < channels; ++c) {
+      double acc = 0.0;
+      for (int64_t i = 0; i < n; ++i) acc += d[i] * (f[c * n + i] - mean[c]);
+      next[c] = acc;
+      norm += acc * acc;
+    }
+    norm = std::sqrt(std::max(norm, 1e-30));
+    for (int c = 0; c < channels; ++c) u[c] = next[c] / norm;
+  }
+  return u;
+}
+
+// The classifier's rows `w` (u, then -u, starting from the random row in w)
+// and biases `b`, centred and scaled so that d = u . (f - m) on the
+// calibration features f has standard deviation kClassSpread.
+void fit_classifier(const std::vector<float> &features, int channels, std::vector<float> *w,
+                    std::vector<float> *b) {
+  const int64_t n = static_cast<int64_t>(features.size()) / channels;
+  const std::vector<double> mean = channel_means(features, channels, n);
+  const std::vector<double> u = principal_direction(
+      features, mean, n, std::vector<double>(w->begin(), w->begin() + channels));
+  for (int c = 0; c < channels; ++c) (*w)[c] = static_cast<float>(u[c]);
+  double sq = 0.0;
+  for (int64_t i = 0; i < n; ++i) {
+    double acc = 0.0;
+    for (int c = 0; c < channels; ++c) acc += (*w)[c] * (features[c * n + i] - mean[c]);
+    sq += acc * acc;
+  }
+  const double gain = kClassSpread / std::sqrt(std::max(sq / static_cast<double>(n), 1e-12));
+  double centre = 0.0;
+  for (int c = 0; c < channels; ++c) {
+    (*w)[c] = static_cast<float>((*w)[c] * gain);
+    (*w)[channels + c] = -(*w)[c];
+    centre += static_cast<double>((*w)[c]) * mean[c];
+  }
+  (*b)[0] = static_cast<float>(kClassBase - centre);
+  (*b)[1] = static_cast<float>(kClassBase + centre);
+}
+
 }  // namespace
 
 std::vector<uint8_t> calibration_image(uint64_t seed) {
@@ -209,53 +272,9 @@ void SyntheticWeights::calibrate() {
     return;
   }
 
-  // Classifier: centre and scale d = u . (f - m) on the calibration image.
   const int fc8 = kNetLayerCount - 1;
   const int first = hseg::net_first_tensor(fc8);
-  const int channels = cal.feature_channels;
-  const int64_t n = static_cast<int64_t>(cal.features.size()) / channels;
-  std::vector<float> &w = tensors_[first];
-  std::vector<double> mean(channels, 0.0);
-  for (int c = 0; c < channels; ++c) {
-    for (int64_t i = 0; i < n; ++i) mean[c] += cal.features[c * n + i];
-    mean[c] /= static_cast<double>(n);
-  }
-  // The direction: the features' first principal component on the
-  // calibration image, by power iteration from the random row. It varies
-  // most over the picture, so d changes over regions rather than pixels.
-  std::vector<double> u(w.begin(), w.begin() + channels), d(n), next(channels);
-  for (int iter = 0; iter < kPowerIterations; ++iter) {
-    for (int64_t i = 0; i < n; ++i) {
-      double acc = 0.0;
-      for (int c = 0; c < channels; ++c) acc += u[c] * (cal.features[c * n + i] - mean[c]);
-      d[i] = acc;
-    }
-    double norm = 0.0;
-    for (int c = 0; c < channels; ++c) {
-      double acc = 0.0;
-      for (int64_t i = 0; i < n; ++i) acc += d[i] * (cal.features[c * n + i] - mean[c]);
-      next[c] = acc;
-      norm += acc * acc;
-    }
-    norm = std::sqrt(std::max(norm, 1e-30));
-    for (int c = 0; c < channels; ++c) u[c] = next[c] / norm;
-  }
-  for (int c = 0; c < channels; ++c) w[c] = static_cast<float>(u[c]);
-  double sq = 0.0;
-  for (int64_t i = 0; i < n; ++i) {
-    double acc = 0.0;
-    for (int c = 0; c < channels; ++c) acc += w[c] * (cal.features[c * n + i] - mean[c]);
-    sq += acc * acc;
-  }
-  const double gain = kClassSpread / std::sqrt(std::max(sq / static_cast<double>(n), 1e-12));
-  double centre = 0.0;
-  for (int c = 0; c < channels; ++c) {
-    w[c] = static_cast<float>(w[c] * gain);
-    w[channels + c] = -w[c];
-    centre += static_cast<double>(w[c]) * mean[c];
-  }
-  tensors_[first + 1][0] = static_cast<float>(kClassBase - centre);
-  tensors_[first + 1][1] = static_cast<float>(kClassBase + centre);
+  fit_classifier(cal.features, cal.feature_channels, &tensors_[first], &tensors_[first + 1]);
 }
 
 void SyntheticWeights::fill(int index, float *dst) const {

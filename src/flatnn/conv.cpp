@@ -29,14 +29,6 @@ void add_bias(const float *bias, int num_output, size_t plane, float *output) {
   }
 }
 
-// The geometry in which the input itself could serve as the column matrix.
-// It asks for a zero-wide kernel, which argument checking rejects, so every
-// convolution, 1x1 included, goes through the column copy.
-bool input_is_column_matrix(const ConvShape &s) {
-  return s.kernel_h == 1 && s.pad_h == 0 && s.dilation_h == 1 && s.stride_h == 1 &&
-         s.kernel_w == 0 && s.pad_w == 1 && s.dilation_w == 1 && s.stride_w == 1;
-}
-
 // Output size along one axis; -1 when the geometry is rejected.
 int64_t conv_axis(int64_t in, int64_t kernel, int64_t pad, int64_t stride, int64_t dilation) {
   if (in < 1 || kernel < 1 || pad < 0 || stride < 1 || dilation < 1) return -1;
@@ -45,6 +37,31 @@ int64_t conv_axis(int64_t in, int64_t kernel, int64_t pad, int64_t stride, int64
   if (padded > kMaxCount || extent > kMaxCount) return -1;
   const int64_t out = (padded - extent) / stride + 1;  // truncates toward zero
   return out >= 1 ? out : -1;
+}
+
+// col2im of a deconvolution, accumulated: row (m*kernel_h + i)*kernel_w + j,
+// column y*width + x of `col` adds to plane m of `acc` at (y*stride_h -
+// pad_h + i, x*stride_w - pad_w + j) when that lies in its out_h x out_w.
+// `s` holds the input size (height, width), the output size and the channel
+// count m of one group.
+void col2im_add(const float *col, const ConvShape &s, float *acc) {
+  const size_t out_plane = static_cast<size_t>(s.out_h) * s.out_w;
+  for (int m = 0; m < s.channels; ++m) {
+    float *plane = acc + static_cast<size_t>(m) * out_plane;
+    for (int i = 0; i < s.kernel_h; ++i) {
+      for (int j = 0; j < s.kernel_w; ++j) {
+        for (int y = 0; y < s.height; ++y, col += s.width) {
+          const int64_t oy = int64_t{y} * s.stride_h - s.pad_h + i;
+          if (oy < 0 || oy >= s.out_h) continue;
+          float *dst_row = plane + static_cast<size_t>(oy) * s.out_w;
+          for (int x = 0; x < s.width; ++x) {
+            const int64_t ox = int64_t{x} * s.stride_w - s.pad_w + j;
+            if (ox >= 0 && ox < s.out_w) dst_row[ox] += col[x];
+          }
+        }
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -92,14 +109,11 @@ void im2col(const float *input, const ConvShape &s, float *col) {
     const float *plane = input + static_cast<size_t>(c) * s.height * s.width;
     for (int kh = 0; kh < s.kernel_h; ++kh) {
       for (int kw = 0; kw < s.kernel_w; ++kw) {
-        // Columns [lo, hi) read inside the row: iw = x0 + ow*stride_w lies
-        // in [0, width) exactly for ceil(-x0/stride) <= ow <= (width-1-x0)/stride.
+        // Columns [lo, hi) read inside the row.
         const int64_t x0 = static_cast<int64_t>(kw) * s.dilation_w - s.pad_w;
         const int64_t sw = s.stride_w;
-        int64_t lo = x0 >= 0 ? 0 : (-x0 + sw - 1) / sw;
-        int64_t hi = (s.width - 1 - x0) < 0 ? 0 : (s.width - 1 - x0) / sw + 1;
-        lo = std::min<int64_t>(lo, s.out_w);
-        hi = std::max(lo, std::min<int64_t>(hi, s.out_w));
+        int64_t lo, hi;
+        inside_columns(x0, sw, s.width, s.out_w, &lo, &hi);
         for (int oh = 0; oh < s.out_h; ++oh, col += out_w) {
           const int ih = oh * s.stride_h - s.pad_h + kh * s.dilation_h;
           if (static_cast<unsigned>(ih) >= static_cast<unsigned>(s.height)) {
@@ -140,13 +154,9 @@ uint64_t forward_conv_with(const Heap &heap, const float *input, float *output,
   }
   WorkBuffer col(heap, static_cast<size_t>(col_count), false);
   if (col.data() == nullptr) return kNoMemory;
-  const float *columns = input;
-  if (!input_is_column_matrix(s)) {
-    im2col(input, s, col.data());
-    columns = col.data();
-  }
+  im2col(input, s, col.data());
   cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, num_output, static_cast<int>(n),
-              static_cast<int>(k), 1.0f, weight, static_cast<int>(k), columns,
+              static_cast<int>(k), 1.0f, weight, static_cast<int>(k), col.data(),
               static_cast<int>(n), 0.0f, output, static_cast<int>(n));
   // Each bias covers its own output plane (out_h*out_w values).
   if (bias != nullptr) add_bias(bias, num_output, static_cast<size_t>(n), output);
@@ -205,49 +215,26 @@ uint64_t deconv_float_with(const Heap &heap, const float *input, int width, int 
       !count_of({num_output, out_plane}, &out_count) || !count_of({channels, k_g}, &w_count)) {
     return kBadArgument;
   }
-  const int out_h = static_cast<int>(out_h64), out_w = static_cast<int>(out_w64);
+  // Each group's m_g output channels, as the adjoint maps them.
+  const ConvShape s{num_output / group, height, width, kernel_h, kernel_w, pad_h, pad_w,
+                    stride_h, stride_w, 1, 1, static_cast<int>(out_h64),
+                    static_cast<int>(out_w64)};
   WorkBuffer col(heap, static_cast<size_t>(col_count), false);
   if (col.data() == nullptr) return kNoMemory;
   WorkBuffer acc(heap, static_cast<size_t>(out_count), true);
   if (acc.data() == nullptr) return kNoMemory;
 
-  const int c_g = channels / group, m_g = num_output / group;
+  const int c_g = channels / group, m_g = s.channels;
   const int kg = static_cast<int>(k_g), nn = static_cast<int>(n);
   for (int g = 0; g < group; ++g) {
     // col = W_g^T * input_g: (m_g*kernel_h*kernel_w) x (height*width).
     cblas_sgemm(CblasRowMajor, CblasTrans, CblasNoTrans, kg, nn, c_g, 1.0f,
                 weight + static_cast<size_t>(g) * c_g * kg, kg,
                 input + static_cast<size_t>(g) * c_g * nn, nn, 0.0f, col.data(), nn);
-    // col2im: row (m*kernel_h + i)*kernel_w + j, column y*width + x adds to
-    // output (g*m_g + m, y*stride_h - pad_h + i, x*stride_w - pad_w + j).
-    const float *src = col.data();
-    for (int m = 0; m < m_g; ++m) {
-      float *plane = acc.data() + static_cast<size_t>(g * m_g + m) * out_plane;
-      for (int i = 0; i < kernel_h; ++i) {
-        for (int j = 0; j < kernel_w; ++j) {
-          for (int y = 0; y < height; ++y, src += width) {
-            const int64_t oy = int64_t{y} * stride_h - pad_h + i;
-            if (oy < 0 || oy >= out_h) continue;
-            float *dst_row = plane + static_cast<size_t>(oy) * out_w;
-            for (int x = 0; x < width; ++x) {
-              const int64_t ox = int64_t{x} * stride_w - pad_w + j;
-              if (ox >= 0 && ox < out_w) dst_row[ox] += src[x];
-            }
-          }
-        }
-      }
-    }
+    col2im_add(col.data(), s, acc.data() + static_cast<size_t>(g) * m_g * out_plane);
   }
-  if (bias == nullptr) {
-    std::memcpy(output, acc.data(), static_cast<size_t>(out_count) * sizeof(float));
-  } else {
-    for (int m = 0; m < num_output; ++m) {
-      const float b = bias[m];
-      const float *a = acc.data() + static_cast<size_t>(m) * out_plane;
-      float *dst = output + static_cast<size_t>(m) * out_plane;
-      for (int64_t i = 0; i < out_plane; ++i) dst[i] = a[i] + b;
-    }
-  }
+  std::memcpy(output, acc.data(), static_cast<size_t>(out_count) * sizeof(float));
+  if (bias != nullptr) add_bias(bias, num_output, static_cast<size_t>(out_plane), output);
   return kOk;
 }
 

@@ -4,6 +4,7 @@
 #ifndef HSEG_SRC_FLATNN_INTERNAL_H_
 #define HSEG_SRC_FLATNN_INTERNAL_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -87,6 +88,23 @@ struct ConvShape {
 // (truncating division). False when a size is not positive, a pad is
 // negative, an intermediate leaves int32, or the output would be empty.
 bool conv_output_size(ConvShape *s);
+
+// Output columns [*lo, *hi) of a row of `out` columns whose input column
+// ow*stride + x0 lies inside a row of `size`: ceil(-x0/stride) <= ow <=
+// (size - 1 - x0)/stride, clipped to [0, out); an empty run has lo == hi.
+// stride >= 1.
+inline void inside_columns(int64_t x0, int64_t stride, int64_t size, int64_t out, int64_t *lo,
+                           int64_t *hi) {
+  const int64_t l = x0 >= 0 ? 0 : (-x0 + stride - 1) / stride;
+  const int64_t h = size - 1 - x0 < 0 ? 0 : (size - 1 - x0) / stride + 1;
+  *lo = std::min(l, out);
+  *hi = std::max(*lo, std::min(h, out));
+}
+
+// Pooled size along one axis: ceil((in + 2*pad - kernel) / stride) + 1, the
+// quotient formed in single precision. -1 when the geometry is rejected (a
+// size or stride below 1, a negative pad, a result outside 1..INT32_MAX).
+int64_t pool_output_size(int in, int kernel, int stride, int pad);
 
 // Column copy (im2col). Row (c*kernel_h + kh)*kernel_w + kw, column
 // oh*out_w + ow holds input(c, oh*stride_h - pad_h + kh*dilation_h,

@@ -19,18 +19,6 @@ using namespace hseg::flatnn;
 
 namespace {
 
-// Pooled size along one axis: ceil((in + 2*pad - kernel) / stride) + 1, the
-// quotient formed in single precision. -1 when the geometry is rejected.
-int64_t pooled_axis(int in, int kernel, int stride, int pad) {
-  if (in < 1 || kernel < 1 || stride < 1 || pad < 0) return -1;
-  if (int64_t{in} + 2 * int64_t{pad} > kMaxCount) return -1;
-  const int span = in + 2 * pad - kernel;
-  // |span| < 2^31, so the rounded-up quotient converts to int64 safely.
-  const int64_t out =
-      static_cast<int64_t>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
-  return (out >= 1 && out <= kMaxCount) ? out : -1;
-}
-
 // Clipped window [start, end) along one axis for output position p. `end`
 // may fall below `start` when the window begins past the image.
 struct Window {
@@ -45,8 +33,8 @@ template <bool kMax>
 uint64_t pool(const float *input, int width, int height, int channels, float *output,
               int kernel_w, int kernel_h, int stride_w, int stride_h, int pad_w, int pad_h) {
   if (channels < 1) return kOk;
-  const int64_t pooled_h = pooled_axis(height, kernel_h, stride_h, pad_h);
-  const int64_t pooled_w = pooled_axis(width, kernel_w, stride_w, pad_w);
+  const int64_t pooled_h = pool_output_size(height, kernel_h, stride_h, pad_h);
+  const int64_t pooled_w = pool_output_size(width, kernel_w, stride_w, pad_w);
   int64_t in_count, out_count;
   if (input == nullptr || output == nullptr || pooled_h < 1 || pooled_w < 1 ||
       !count_of({channels, height, width}, &in_count) ||
@@ -110,7 +98,89 @@ inline InterpTap interp_tap(float ratio, int d, int64_t size) {
   return {i, (i < size - 1) ? 1 : 0, l1, 1.0f - l1};
 }
 
+// Source window (x1, y1, width1, height1) inside a Width1 x Height1 image,
+// formed in int64 so that no pad value can overflow the checks. The
+// destination window is always the whole output, at (0, 0).
+struct InterpWindow {
+  int64_t x1, y1, width1, height1, Width1, Height1;
+};
+InterpWindow interp_window(int height_in, int width_in, int pad_beg, int pad_end) {
+  return {-int64_t{pad_beg},
+          -int64_t{pad_beg},
+          int64_t{width_in} + pad_beg + pad_end,
+          int64_t{height_in} + pad_beg + pad_end,
+          width_in,
+          height_in};
+}
+
+// The two window checks, which abort with these exact texts and lines.
+void check_interp_window(const InterpWindow &w, int height_out, int width_out) {
+  const int64_t x2 = 0, y2 = 0, height2 = height_out, width2 = width_out;
+  const int64_t Height2 = height_out, Width2 = width_out;
+  if (!(w.x1 >= 0 && w.y1 >= 0 && w.height1 > 0 && w.width1 > 0 && x2 >= 0 && y2 >= 0 &&
+        height2 > 0 && width2 > 0)) {
+    interp_check_failed(
+        "x1 >= 0 && y1 >= 0 && height1 > 0 && width1 > 0 && x2 >= 0 && y2 >= 0 && "
+        "height2 > 0 && width2 > 0",
+        731);
+  }
+  if (!(w.Width1 >= w.width1 + w.x1 && w.Height1 >= w.height1 + w.y1 && Width2 >= width2 + x2 &&
+        Height2 >= height2 + y2)) {
+    interp_check_failed(
+        "Width1 >= width1 + x1 && Height1 >= height1 + y1 && Width2 >= width2 + x2 && "
+        "Height2 >= height2 + y2",
+        732);
+  }
+}
+
+// One plane: the window copied when it already has the output's size,
+// otherwise interpolated with ratios that put the first and last output
+// rows and columns exactly on the window's first and last ones.
+void interp_plane(const float *src, const InterpWindow &win, int height_out, int width_out,
+                  float *dst) {
+  if (win.height1 == height_out && win.width1 == width_out) {
+    const float *from = src + win.y1 * win.Width1 + win.x1;
+    for (int h2 = 0; h2 < height_out; ++h2) {
+      std::memcpy(dst + static_cast<size_t>(h2) * width_out, from + h2 * win.Width1,
+                  static_cast<size_t>(width_out) * sizeof(float));
+    }
+    return;
+  }
+  const float rheight = (height_out != 1) ? static_cast<float>(win.height1 - 1) /
+                                                static_cast<float>(height_out - 1)
+                                          : 0.0f;
+  const float rwidth = (width_out != 1) ? static_cast<float>(win.width1 - 1) /
+                                              static_cast<float>(width_out - 1)
+                                        : 0.0f;
+  for (int h2 = 0; h2 < height_out; ++h2) {
+    const InterpTap h = interp_tap(rheight, h2, win.height1);
+    for (int w2 = 0; w2 < width_out; ++w2) {
+      const InterpTap w = interp_tap(rwidth, w2, win.width1);
+      const float *q = src + (win.y1 + h.index) * win.Width1 + (win.x1 + w.index);
+      const int64_t down = h.step * win.Width1;
+      *dst++ = (q[down + w.step] * w.lambda1 + q[down] * w.lambda0) * h.lambda1 +
+               (q[w.step] * w.lambda1 + q[0] * w.lambda0) * h.lambda0;
+    }
+  }
+}
+
 }  // namespace
+
+namespace hseg {
+namespace flatnn {
+
+int64_t pool_output_size(int in, int kernel, int stride, int pad) {
+  if (in < 1 || kernel < 1 || stride < 1 || pad < 0) return -1;
+  if (int64_t{in} + 2 * int64_t{pad} > kMaxCount) return -1;
+  const int span = in + 2 * pad - kernel;
+  // |span| < 2^31, so the rounded-up quotient converts to int64 safely.
+  const int64_t out =
+      static_cast<int64_t>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
+  return (out >= 1 && out <= kMaxCount) ? out : -1;
+}
+
+}  // namespace flatnn
+}  // namespace hseg
 
 extern "C" {
 
@@ -130,69 +200,18 @@ uint64_t ly_pooling_avg_float(const float *input, int width, int height, int cha
 
 uint64_t ly_interp(const float *input, float *output, int num, int channels, int height_in,
                    int width_in, int pad_beg, int pad_end, int height_out, int width_out) {
-  // Source window (x1, y1, width1, height1) inside a Width1 x Height1 image;
-  // destination window (x2, y2, width2, height2) covering Width2 x Height2.
-  // Formed in int64 so that no pad value can overflow the checks.
-  const int64_t x1 = -int64_t{pad_beg}, y1 = -int64_t{pad_beg};
-  const int64_t height1 = int64_t{height_in} + pad_beg + pad_end;
-  const int64_t width1 = int64_t{width_in} + pad_beg + pad_end;
-  const int64_t Height1 = height_in, Width1 = width_in;
-  const int64_t x2 = 0, y2 = 0, height2 = height_out, width2 = width_out;
-  const int64_t Height2 = height_out, Width2 = width_out;
-  if (!(x1 >= 0 && y1 >= 0 && height1 > 0 && width1 > 0 && x2 >= 0 && y2 >= 0 && height2 > 0 &&
-        width2 > 0)) {
-    interp_check_failed(
-        "x1 >= 0 && y1 >= 0 && height1 > 0 && width1 > 0 && x2 >= 0 && y2 >= 0 && "
-        "height2 > 0 && width2 > 0",
-        731);
-  }
-  if (!(Width1 >= width1 + x1 && Height1 >= height1 + y1 && Width2 >= width2 + x2 &&
-        Height2 >= height2 + y2)) {
-    interp_check_failed(
-        "Width1 >= width1 + x1 && Height1 >= height1 + y1 && Width2 >= width2 + x2 && "
-        "Height2 >= height2 + y2",
-        732);
-  }
+  const InterpWindow win = interp_window(height_in, width_in, pad_beg, pad_end);
+  check_interp_window(win, height_out, width_out);
   int64_t planes, in_count, out_count;
   if (input == nullptr || output == nullptr || !count_of({num, channels}, &planes) ||
-      !count_of({planes, Height1, Width1}, &in_count) ||
+      !count_of({planes, win.Height1, win.Width1}, &in_count) ||
       !count_of({planes, height_out, width_out}, &out_count)) {
     return kBadArgument;
   }
-  const size_t in_plane = static_cast<size_t>(Height1 * Width1);
+  const size_t in_plane = static_cast<size_t>(win.Height1 * win.Width1);
   const size_t out_plane = static_cast<size_t>(height_out) * width_out;
-
-  if (height1 == height_out && width1 == width_out) {
-    for (int64_t p = 0; p < planes; ++p) {
-      const float *src = input + p * in_plane + y1 * Width1 + x1;
-      float *dst = output + p * out_plane;
-      for (int h2 = 0; h2 < height_out; ++h2) {
-        std::memcpy(dst + static_cast<size_t>(h2) * width_out, src + h2 * Width1,
-                    static_cast<size_t>(width_out) * sizeof(float));
-      }
-    }
-    return kOk;
-  }
-
-  // These ratios put the first and last destination rows and columns exactly
-  // on the first and last rows and columns of the source window.
-  const float rheight =
-      (height_out != 1) ? static_cast<float>(height1 - 1) / static_cast<float>(height_out - 1) : 0.0f;
-  const float rwidth =
-      (width_out != 1) ? static_cast<float>(width1 - 1) / static_cast<float>(width_out - 1) : 0.0f;
   for (int64_t p = 0; p < planes; ++p) {
-    const float *src = input + p * in_plane;
-    float *dst = output + p * out_plane;
-    for (int h2 = 0; h2 < height_out; ++h2) {
-      const InterpTap h = interp_tap(rheight, h2, height1);
-      for (int w2 = 0; w2 < width_out; ++w2) {
-        const InterpTap w = interp_tap(rwidth, w2, width1);
-        const float *q = src + (y1 + h.index) * Width1 + (x1 + w.index);
-        const int64_t down = h.step * Width1;
-        *dst++ = (q[down + w.step] * w.lambda1 + q[down] * w.lambda0) * h.lambda1 +
-                 (q[w.step] * w.lambda1 + q[0] * w.lambda0) * h.lambda0;
-      }
-    }
+    interp_plane(input + p * in_plane, win, height_out, width_out, output + p * out_plane);
   }
   return kOk;
 }

@@ -19,11 +19,10 @@
 #include "hseg/blur.h"
 #include "hseg/pipeline.h"
 #include "hseg/resize.h"
+#include "pipeline/network.h"
 
 namespace hseg {
 namespace {
-
-constexpr int32_t kMaskSide = 473;  // the segmentation's own mask resolution
 
 // Feathering: a Gaussian of about 1/256 of the frame's shorter side (2.8
 // pixels at 720p), at least 1 pixel.
@@ -57,12 +56,22 @@ MRESULT check_frame(const OffscreenImage *frame, const OffscreenImage *out) {
 // The bilinear resizer takes sources of up to 65536 pixels a side.
 constexpr int32_t kMaxMaskSide = 65536;
 
+OffscreenImage gray(uint8_t *data, int32_t w, int32_t h, int32_t pitch) {
+  OffscreenImage g{};
+  g.format = HSEG_PIXFMT_GRAY;
+  g.width = w;
+  g.height = h;
+  g.planes[0] = data;
+  g.pitches[0] = pitch;
+  return g;
+}
+
+// The mask is read as one grey plane whatever its format code says.
 MRESULT check_mask(const OffscreenImage *mask) {
-  if (mask == nullptr || mask->planes[0] == nullptr || mask->width < 1 || mask->height < 1 ||
-      mask->width > kMaxMaskSide || mask->height > kMaxMaskSide ||
-      mask->pitches[0] < mask->width)
+  if (mask == nullptr || mask->width > kMaxMaskSide || mask->height > kMaxMaskSide)
     return HSEG_ERR_BAD_ARGUMENT;
-  return HSEG_OK;
+  const OffscreenImage g = gray(mask->planes[0], mask->width, mask->height, mask->pitches[0]);
+  return pixfmt::planes_ok(g) ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
 }
 
 MRESULT check_effect(const OffscreenImage *frame, const HsegBackgroundEffect *e) {
@@ -78,16 +87,6 @@ struct BlockDeleter {
   void operator()(uint8_t *p) const { MMemFree(mem, p); }
 };
 using Block = std::unique_ptr<uint8_t, BlockDeleter>;
-
-OffscreenImage gray(uint8_t *data, int32_t w, int32_t h, int32_t pitch) {
-  OffscreenImage g{};
-  g.format = HSEG_PIXFMT_GRAY;
-  g.width = w;
-  g.height = h;
-  g.planes[0] = data;
-  g.pitches[0] = pitch;
-  return g;
-}
 
 // One channel of a frame as the mixing sees it: sample (x, y) at
 // planes[p] + y * pitch + offset + x * step in frame, background and
@@ -219,6 +218,15 @@ MRESULT make_alpha(MHandle mem, const OffscreenImage &mask, int32_t w, int32_t h
   return GB_GaussianBlur(mem, &from, &to, feather_sigma(w, h));
 }
 
+// Sides of one 4:2:0 chroma plane as I420 keeps it. An NV21 frame's V,U
+// pairs are blurred as two such planes.
+int32_t chroma_width(int32_t w) {
+  return static_cast<int32_t>(pixfmt::row_bytes(HSEG_PIXFMT_I420, 1, w));
+}
+int32_t chroma_height(int32_t h) {
+  return static_cast<int32_t>(pixfmt::plane_rows(HSEG_PIXFMT_I420, 1, h));
+}
+
 // The blurred frame, planes packed, in `bg` (laid out as bg_desc says). An
 // NV21 frame's V,U pairs are split into two planes in `scratch` (half a
 // frame's pixels) and blurred from there into plane 1 of bg_desc, V above U.
@@ -240,7 +248,7 @@ MRESULT blur_frame(MHandle mem, const OffscreenImage &frame, float sigma, uint8_
   OffscreenImage y = gray(frame.planes[0], w, h, frame.pitches[0]);
   OffscreenImage by = gray(bg_desc->planes[0], w, h, bg_desc->pitches[0]);
   MRESULT s = GB_GaussianBlur(mem, &y, &by, sigma);
-  const int32_t cw = (w + 1) / 2, chh = (h + 1) / 2;
+  const int32_t cw = chroma_width(w), chh = chroma_height(h);
   const float csigma = sigma / 2;  // chroma is at half resolution both ways
   if (frame.format == HSEG_PIXFMT_I420) {
     for (int i = 1; i < 3 && s == HSEG_OK; ++i) {
@@ -303,12 +311,22 @@ MRESULT apply(MHandle mem, const OffscreenImage &frame, const OffscreenImage &ma
     b[i] = samples_of(bg, ch[i]);
     if (blur && frame.format == HSEG_PIXFMT_NV21 && ch[i].plane == 1) {
       // The blurred chroma is in two planes: V, then U.
-      const int32_t cw = (w + 1) / 2;
-      b[i] = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * ((h + 1) / 2)), cw, 1};
+      const int32_t cw = chroma_width(w);
+      b[i] = {bg.planes[1] + (ch[i].offset == 0 ? 0 : int64_t{cw} * chroma_height(h)), cw, 1};
     }
   }
   mix_frame(frame, ch, b, n, alpha, out, arow);
   return HSEG_OK;
+}
+
+// The effect record the two direct entries stand for.
+HsegBackgroundEffect effect_of(uint32_t kind, float sigma, const OffscreenImage *picture) {
+  HsegBackgroundEffect e{};
+  e.size = sizeof e;
+  e.kind = kind;
+  e.sigma = sigma;
+  e.picture = picture;
+  return e;
 }
 
 MRESULT effect_entry(MHandle mem, const OffscreenImage *frame, const OffscreenImage *mask,
@@ -328,27 +346,22 @@ extern "C" {
 HSEG_API MRESULT HsegBlurBackground(MHandle mem, const OffscreenImage *frame,
                                     const OffscreenImage *mask, float sigma,
                                     OffscreenImage *out) {
-  HsegBackgroundEffect e{};
-  e.size = sizeof e;
-  e.kind = HSEG_BACKGROUND_BLUR;
-  e.sigma = sigma;
-  return hseg::effect_entry(mem, frame, mask, e, out);
+  return hseg::effect_entry(mem, frame, mask, hseg::effect_of(HSEG_BACKGROUND_BLUR, sigma, nullptr),
+                           out);
 }
 
 HSEG_API MRESULT HsegReplaceBackground(MHandle mem, const OffscreenImage *frame,
                                        const OffscreenImage *mask, const OffscreenImage *picture,
                                        OffscreenImage *out) {
-  HsegBackgroundEffect e{};
-  e.size = sizeof e;
-  e.kind = HSEG_BACKGROUND_REPLACE;
-  e.picture = picture;
-  return hseg::effect_entry(mem, frame, mask, e, out);
+  return hseg::effect_entry(mem, frame, mask,
+                           hseg::effect_of(HSEG_BACKGROUND_REPLACE, 0.0f, picture), out);
 }
 
 HSEG_API MRESULT HsegSegmentBackground(MHandle mem, const OffscreenImage *frame,
                                        const HsegOptions *options,
                                        const HsegBackgroundEffect *effect, OffscreenImage *out) {
-  using hseg::kMaskSide;
+  // The mask at the segmentation's own resolution, the network's input side.
+  constexpr int32_t kMaskSide = hseg::kNetInputSize;
   MRESULT s = hseg::check_frame(frame, out);
   if (s == HSEG_OK) s = hseg::check_effect(frame, effect);
   if (s != HSEG_OK) return s;

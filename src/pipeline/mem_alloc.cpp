@@ -9,8 +9,7 @@
 extern "C" {
 
 void *MMemAlloc(MHandle /*handle*/, int32_t size) {
-  // Widened with its sign: a negative size becomes a request no allocator
-  // can satisfy, so it fails instead of wrapping to a small block.
+  // A negative size fails here rather than reaching malloc as a huge size_t.
   if (size < 0) return nullptr;
   return std::malloc(static_cast<size_t>(size));
 }

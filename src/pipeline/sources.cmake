@@ -3,23 +3,20 @@ hseg_sources(base
   src/pipeline/mem_ops.cpp
 )
 
-# ---- network pass ----
+# Network pass
 hseg_sources(pipeline
   src/pipeline/network.cpp
   src/pipeline/network_entry.cpp
   src/pipeline/net_kernels.cpp
   src/pipeline/net_layers.cpp
 )
-# ---- end of network pass ----
 
-# ---- segmentation entry ----
+# Segmentation entry
 hseg_sources(pipeline
   src/pipeline/segment.cpp
 )
-# ---- end of segmentation entry ----
 
-# ---- background effects ----
+# Background effects
 hseg_sources(pipeline
   src/pipeline/effects.cpp
 )
-# ---- end of background effects ----

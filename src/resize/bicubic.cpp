@@ -73,6 +73,76 @@ bool kernel_is_bounded(const int32_t *k) {
   return true;
 }
 
+// The inner column range, the kernel and the column table of a
+// Resize_Bicubic_8u_C1 call keep every tap inside the row and every sum in
+// 32 bits.
+bool tables_ok(int32_t src_w, int32_t dst_w, int32_t first_inner, int32_t first_border,
+               const int32_t *col_tab, const int32_t *k) {
+  if (first_inner < 0 || first_inner > dst_w || first_border < 0 || first_border > dst_w ||
+      !kernel_is_bounded(k))
+    return false;
+  for (int32_t dx = 0; dx < dst_w; ++dx) {
+    const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
+    if (u < 0 || u > 1024) return false;
+    if (dx >= first_inner && dx < first_border && (x < 1 || x >= src_w - 2)) return false;
+  }
+  return true;
+}
+
+// Four buffers of horizontally filtered source rows, and which (clamped)
+// source row each one holds. Rows y0 - 1 .. y0 + 2 are looked up among them,
+// and only rows that none holds are filtered, into a buffer no row needs.
+class RowCache {
+ public:
+  RowCache(int32_t *r0, int32_t *r1, int32_t *r2, int32_t *r3) : bufs_{r0, r1, r2, r3} {}
+
+  // Points r[i] at source row clamp(y0 - 1 + i), calling filter(y, buffer)
+  // for each row no buffer holds yet.
+  template <typename Filter>
+  void fetch(int32_t y0, int32_t last_row, const int32_t *r[4], Filter filter) {
+    int32_t need[4];
+    bool used[4] = {false, false, false, false};
+    for (int i = 0; i < 4; ++i) {
+      need[i] = clamp_index(y0 - 1 + i, last_row);
+      r[i] = nullptr;
+      for (int j = 0; j < 4; ++j)
+        if (held_[j] == need[i]) {
+          r[i] = bufs_[j];
+          used[j] = true;
+        }
+    }
+    for (int i = 0; i < 4; ++i) {
+      if (r[i] != nullptr) continue;
+      int j = 0;
+      while (used[j]) ++j;  // at most four distinct rows for four buffers
+      filter(need[i], bufs_[j]);
+      held_[j] = need[i];
+      used[j] = true;
+      for (int i2 = i; i2 < 4; ++i2)
+        if (need[i2] == need[i]) r[i2] = bufs_[j];
+    }
+  }
+
+ private:
+  int32_t *bufs_[4];
+  int32_t held_[4] = {-1, -1, -1, -1};
+};
+
+// Vertical cubic filter of four filtered rows at fraction v (10 bits) into
+// one output row: 20 fraction bits in all, rounded half up and clamped.
+// Kept out of line: inlined into the row loop with the horizontal filter,
+// GCC's code for the whole ran about 6% slower.
+__attribute__((noinline)) void vertical_filter(const int32_t *const r[4], const int32_t *k,
+                                               int32_t v, uint8_t *out, int32_t dst_w) {
+  const int32_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
+                w3 = k[2 * (1024 - v) + 1];
+  const int32_t *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3];
+  for (int32_t dx = 0; dx < dst_w; ++dx) {
+    const int32_t sum = r0[dx] * w0 + r1[dx] * w1 + r2[dx] * w2 + r3[dx] * w3;
+    out[dx] = clamp_u8((sum + 524288) >> 20);
+  }
+}
+
 // Corner-aligned column table; returns the inner range through the pointers.
 void build_column_table(int32_t src_w, int32_t dst_w, int32_t *col_tab, int32_t *first_inner,
                         int32_t *first_border) {
@@ -129,58 +199,21 @@ HSEG_API MRESULT Resize_Bicubic_8u_C1(const uint8_t *src, int32_t src_width, int
   if (src_width < 1 || src_height < 1 || dst_width < 1 || dst_height < 1 ||
       src_pitch < src_width || dst_pitch < dst_width)
     return HSEG_ERR_BAD_ARGUMENT;
-  if (first_inner < 0 || first_inner > dst_width || first_border < 0 ||
-      first_border > dst_width || !kernel_is_bounded(coef_tab))
+  if (!tables_ok(src_width, dst_width, first_inner, first_border, col_tab, coef_tab))
     return HSEG_ERR_BAD_ARGUMENT;
-  for (int32_t dx = 0; dx < dst_width; ++dx) {
-    const int32_t x = col_tab[2 * dx], u = col_tab[2 * dx + 1];
-    if (u < 0 || u > 1024) return HSEG_ERR_BAD_ARGUMENT;
-    if (dx >= first_inner && dx < first_border && (x < 1 || x >= src_width - 2))
-      return HSEG_ERR_BAD_ARGUMENT;
-  }
 
-  // The four buffers hold filtered source rows; `held` says which (clamped)
-  // row each one holds. Rows y0 - 1 .. y0 + 2 are looked up among them, and
-  // only rows that none holds are filtered, into a buffer no row needs.
-  int32_t *bufs[4] = {row0, row1, row2, row3};
-  int32_t held[4] = {-1, -1, -1, -1};
-  const int32_t last_row = src_height - 1;
+  RowCache rows(row0, row1, row2, row3);
   const float scale_y = static_cast<float>(src_height) / static_cast<float>(dst_height);
-  const int32_t *k = coef_tab;
   for (int32_t dy = 0; dy < dst_height; ++dy) {
     const float fy = static_cast<float>(dy) * scale_y;
     const auto y0 = static_cast<int32_t>(fy);
     const auto v = static_cast<int32_t>((fy - static_cast<float>(y0)) * 1024.0f + 0.5f);
-    int32_t need[4];
-    const int32_t *r[4] = {nullptr, nullptr, nullptr, nullptr};
-    bool used[4] = {false, false, false, false};
-    for (int i = 0; i < 4; ++i) {
-      need[i] = clamp_index(y0 - 1 + i, last_row);
-      for (int j = 0; j < 4; ++j)
-        if (held[j] == need[i]) {
-          r[i] = bufs[j];
-          used[j] = true;
-        }
-    }
-    for (int i = 0; i < 4; ++i) {
-      if (r[i] != nullptr) continue;
-      int j = 0;
-      while (used[j]) ++j;  // at most four distinct rows for four buffers
-      filter_row(src + static_cast<ptrdiff_t>(need[i]) * src_pitch, src_width, dst_width,
-                 first_inner, first_border, col_tab, k, bufs[j]);
-      held[j] = need[i];
-      used[j] = true;
-      for (int i2 = i; i2 < 4; ++i2)
-        if (need[i2] == need[i]) r[i2] = bufs[j];
-    }
-    const int32_t w0 = k[2 * v + 1], w1 = k[2 * v], w2 = k[2 * (1024 - v)],
-                  w3 = k[2 * (1024 - v) + 1];
-    const int32_t *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3];
-    uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
-    for (int32_t dx = 0; dx < dst_width; ++dx) {
-      const int32_t sum = r0[dx] * w0 + r1[dx] * w1 + r2[dx] * w2 + r3[dx] * w3;
-      out[dx] = clamp_u8((sum + 524288) >> 20);  // 20 fraction bits, half up
-    }
+    const int32_t *r[4];
+    rows.fetch(y0, src_height - 1, r, [&](int32_t y, int32_t *buf) {
+      filter_row(src + static_cast<ptrdiff_t>(y) * src_pitch, src_width, dst_width, first_inner,
+                 first_border, col_tab, coef_tab, buf);
+    });
+    vertical_filter(r, coef_tab, v, dst + static_cast<ptrdiff_t>(dy) * dst_pitch, dst_width);
   }
   return HSEG_OK;
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/checked.h"
+#include "common/pixfmt.h"
 #include "hseg/resize.h"
 #include "resize/bilinear_rows.h"
 #include "resize/yuv.h"
@@ -51,7 +52,8 @@ void walk_rows(int32_t src_h, int32_t dst_h, const uint16_t *row_tab, uint32_t *
   }
 }
 
-// Checks a source descriptor for the planes that the given output reads.
+// Checks a source descriptor for the planes that the given output reads:
+// grey output reads the luma (or BGR) plane alone.
 MRESULT check_source(const OffscreenImage *s, bool colour) {
   if (s == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   switch (s->format) {
@@ -66,26 +68,7 @@ MRESULT check_source(const OffscreenImage *s, bool colour) {
   }
   const int32_t w = s->width, h = s->height;
   if (w < 1 || h < 1 || w > kMaxSourceSide || h > kMaxSourceSide) return HSEG_ERR_BAD_ARGUMENT;
-  const int32_t pairs = (w + 1) / 2;  // chroma samples a row
-  bool ok = s->planes[0] != nullptr;
-  switch (s->format) {
-    case HSEG_PIXFMT_BGR24:
-      ok = ok && s->pitches[0] >= 3 * w;
-      break;
-    case HSEG_PIXFMT_YUY2:
-      ok = ok && s->pitches[0] >= 4 * pairs;
-      break;
-    case HSEG_PIXFMT_I420:
-      ok = ok && s->pitches[0] >= w;
-      if (colour)
-        ok = ok && s->planes[1] != nullptr && s->planes[2] != nullptr &&
-             s->pitches[1] >= pairs && s->pitches[2] >= pairs;
-      break;
-    default:  // the two semi-planar layouts
-      ok = ok && s->pitches[0] >= w;
-      if (colour) ok = ok && s->planes[1] != nullptr && s->pitches[1] >= 2 * pairs;
-      break;
-  }
+  const bool ok = colour ? hseg::pixfmt::planes_ok(*s) : hseg::pixfmt::plane_ok(*s, 0);
   return ok ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
 }
 
@@ -141,7 +124,8 @@ YuvRow yuv_row(const OffscreenImage &s, int32_t y) {
   // 4:2:0: chroma row j sits on luma row 2j; an odd luma row lies between
   // chroma rows j and j + 1 (the last chroma row repeats at the bottom).
   const int32_t j0 = y >> 1;
-  const int32_t j1 = ((y & 1) != 0 && j0 < (s.height + 1) / 2 - 1) ? j0 + 1 : j0;
+  const int64_t chroma_rows = hseg::pixfmt::plane_rows(s.format, 1, s.height);
+  const int32_t j1 = ((y & 1) != 0 && j0 < chroma_rows - 1) ? j0 + 1 : j0;
   r.y = p[0] + static_cast<ptrdiff_t>(y) * pitch[0];
   r.y_step = 1;
   if (s.format == HSEG_PIXFMT_I420) {

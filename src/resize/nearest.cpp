@@ -77,18 +77,29 @@ __attribute__((target("ssse3"))) void nearest_gather_c1_ssse3(const uint8_t *src
 
 namespace {
 
-// Source index for destination index d, written for the whole range at once.
-// `scale` multiplies each index into the table (the channel count for
-// columns).
-void build_index_table(int32_t src, int32_t dst, int32_t scale, int32_t *out) {
-  int64_t num = std::min(src, dst) - 1;
-  const int64_t step = 2 * int64_t{src};
-  const int64_t den = 2 * int64_t{dst};
-  for (int32_t d = 0; d < dst; ++d, num += step) {
-    int64_t s = num / den;
-    if (s >= src) s -= 1;  // cannot happen for d < dst; kept as a guard
-    out[d] = static_cast<int32_t>(s) * scale;
+// Source index of destination index d = 0, 1, 2, ... in turn, for columns
+// and rows alike. (min - 1 + 2 * d * src) / (2 * dst) stays below src for
+// every d < dst: the numerator is at most 2 * dst * src - 2 * src + min - 1,
+// and min - 1 < 2 * src.
+class SourceIndex {
+ public:
+  SourceIndex(int32_t src, int32_t dst)
+      : num_(std::min(src, dst) - 1), step_(2 * int64_t{src}), den_(2 * int64_t{dst}) {}
+  int32_t next() {
+    const int64_t s = num_ / den_;
+    num_ += step_;
+    return static_cast<int32_t>(s);
   }
+
+ private:
+  int64_t num_;
+  const int64_t step_, den_;
+};
+
+// The column table: source index times `scale` (the channel count).
+void build_index_table(int32_t src, int32_t dst, int32_t scale, int32_t *out) {
+  SourceIndex index(src, dst);
+  for (int32_t d = 0; d < dst; ++d) out[d] = index.next() * scale;
 }
 
 void gather_row_c3(const uint8_t *src, const int32_t *cols, int32_t n, uint8_t *dst) {
@@ -97,6 +108,74 @@ void gather_row_c3(const uint8_t *src, const int32_t *cols, int32_t n, uint8_t *
     dst[0] = p[0];
     dst[1] = p[1];
     dst[2] = p[2];
+  }
+}
+
+// How the rows of one call are gathered, chosen once: a copy when the widths
+// match (the column table is the identity), three bytes a column for three
+// channels, and for one the byte shuffle where the CPU has it, else the
+// reference.
+struct RowGather {
+  const int32_t *cols;
+  int32_t width, channels;
+  bool same_width;
+  const int32_t *bases;  // shuffle table, when `shuffle`
+  const uint8_t *masks;
+  bool shuffle;
+
+  void operator()(const uint8_t *in, uint8_t *out) const {
+    if (same_width) {
+      std::memcpy(out, in, static_cast<size_t>(width) * channels);
+    } else if (channels == 3) {
+      gather_row_c3(in, cols, width, out);
+#if defined(HSEG_NEAREST_HAVE_SHUFFLE)
+    } else if (shuffle) {
+      hseg::nearest_gather_c1_ssse3(in, cols, bases, masks, width, out);
+#endif
+    } else {
+      hseg::nearest_gather_c1_ref(in, cols, width, out);
+    }
+  }
+};
+
+// Fills the work block (the column table, then for one channel the shuffle
+// table of `blocks` whole blocks of 16 columns: a base and 16 mask bytes
+// each) and says how rows are gathered from it.
+RowGather make_row_gather(int32_t *block, int32_t blocks, int32_t src_w, int32_t dst_w,
+                          int32_t channels) {
+  build_index_table(src_w, dst_w, channels, block);
+  RowGather g{block, dst_w, channels, src_w == dst_w, nullptr, nullptr, false};
+#if defined(HSEG_NEAREST_HAVE_SHUFFLE)
+  int32_t *bases = block + dst_w;
+  auto *masks = reinterpret_cast<uint8_t *>(bases + blocks);
+  g.shuffle = blocks > 0 && hseg::nearest_cpu_has_ssse3();
+  if (g.shuffle) hseg::nearest_build_shuffle(block, dst_w, src_w, bases, masks);
+  g.bases = bases;
+  g.masks = masks;
+#else
+  (void)blocks;
+#endif
+  return g;
+}
+
+// Writes every destination row, copying a row that reads the same source row
+// as the one before.
+void resize_rows(const uint8_t *src, int32_t src_pitch, int32_t src_h, uint8_t *dst,
+                 int32_t dst_pitch, int32_t dst_h, const RowGather &gather) {
+  const size_t row_bytes = static_cast<size_t>(gather.width) * gather.channels;
+  SourceIndex index(src_h, dst_h);
+  int32_t prev_sy = -1;
+  const uint8_t *prev_row = nullptr;
+  for (int32_t dy = 0; dy < dst_h; ++dy) {
+    const int32_t sy = index.next();
+    uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
+    if (sy == prev_sy) {
+      std::memcpy(out, prev_row, row_bytes);
+    } else {
+      gather(src + static_cast<ptrdiff_t>(sy) * src_pitch, out);
+      prev_sy = sy;
+    }
+    prev_row = out;
   }
 }
 
@@ -109,68 +188,19 @@ extern "C" HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, i
   if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   if (src_width < 1 || src_height < 1 || dst_width < 1) return HSEG_ERR_BAD_ARGUMENT;
   if (channels != 1 && channels != 3) return HSEG_OK;  // nothing to do for other layouts
-  // The work block is at most 4 + 20 / 16 bytes a column (below).
+  // The work block is at most 4 + 20 / 16 bytes a column (see make_row_gather).
   if (!hseg::mul2_i32_valid(src_width, channels) || !hseg::mul2_i32_valid(dst_width, channels) ||
       !hseg::mul2_i32_valid(dst_width, 6))
     return HSEG_ERR_BAD_ARGUMENT;
-  const int32_t src_row_bytes = src_width * channels;
-  const int32_t dst_row_bytes = dst_width * channels;
-  if (src_pitch < src_row_bytes || dst_pitch < dst_row_bytes) return HSEG_ERR_BAD_ARGUMENT;
+  if (src_pitch < src_width * channels || dst_pitch < dst_width * channels)
+    return HSEG_ERR_BAD_ARGUMENT;
   if (dst_height < 1) return HSEG_OK;
 
-  // One block: the column table, then for one channel the shuffle table
-  // (a base and 16 mask bytes per whole block of 16 columns).
   const int32_t blocks = channels == 1 ? hseg::nearest_block_count(dst_width) : 0;
-  auto *cols = static_cast<int32_t *>(MMemAlloc(mem, dst_width * 4 + blocks * 20));
-  if (cols == nullptr) return HSEG_ERR_NO_MEMORY;
-  build_index_table(src_width, dst_width, channels, cols);
-
-  // How a one-channel row is gathered, chosen once for the call.
-  auto gather_c1 = [&](const uint8_t *in, uint8_t *out) {
-    hseg::nearest_gather_c1_ref(in, cols, dst_width, out);
-  };
-#if defined(HSEG_NEAREST_HAVE_SHUFFLE)
-  int32_t *bases = cols + dst_width;
-  auto *masks = reinterpret_cast<uint8_t *>(bases + blocks);
-  const bool shuffle = blocks > 0 && hseg::nearest_cpu_has_ssse3();
-  if (shuffle) hseg::nearest_build_shuffle(cols, dst_width, src_width, bases, masks);
-  auto gather_shuffled = [&](const uint8_t *in, uint8_t *out) {
-    if (shuffle) {
-      hseg::nearest_gather_c1_ssse3(in, cols, bases, masks, dst_width, out);
-    } else {
-      gather_c1(in, out);
-    }
-  };
-#else
-  auto &gather_shuffled = gather_c1;
-#endif
-
-  // Rows are walked with the same rule as columns, incrementally.
-  int64_t num = std::min(src_height, dst_height) - 1;
-  const int64_t step = 2 * int64_t{src_height};
-  const int64_t den = 2 * int64_t{dst_height};
-  const bool same_width = src_width == dst_width;  // the column table is the identity
-  int64_t prev_sy = -1;
-  const uint8_t *prev_row = nullptr;
-  for (int32_t dy = 0; dy < dst_height; ++dy, num += step) {
-    int64_t sy = num / den;
-    if (sy >= src_height) sy -= 1;
-    uint8_t *out = dst + static_cast<ptrdiff_t>(dy) * dst_pitch;
-    if (sy == prev_sy) {
-      std::memcpy(out, prev_row, static_cast<size_t>(dst_row_bytes));
-    } else {
-      const uint8_t *in = src + static_cast<ptrdiff_t>(sy) * src_pitch;
-      if (same_width) {
-        std::memcpy(out, in, static_cast<size_t>(dst_row_bytes));
-      } else if (channels == 1) {
-        gather_shuffled(in, out);
-      } else {
-        gather_row_c3(in, cols, dst_width, out);
-      }
-      prev_sy = sy;
-    }
-    prev_row = out;
-  }
-  MMemFree(mem, cols);
+  auto *block = static_cast<int32_t *>(MMemAlloc(mem, dst_width * 4 + blocks * 20));
+  if (block == nullptr) return HSEG_ERR_NO_MEMORY;
+  resize_rows(src, src_pitch, src_height, dst, dst_pitch, dst_height,
+              make_row_gather(block, blocks, src_width, dst_width, channels));
+  MMemFree(mem, block);
   return HSEG_OK;
 }

@@ -11,13 +11,15 @@ namespace {
 using hseg::ubo::check_pair;
 using hseg::ubo::row_of;
 
-// Maps every sample of an 8-bit image through a table of 256 floats.
-void map_samples(const Image &s, const Image &d, const float (&table)[256]) {
+// out = f(in) for every sample of `s` into the same place of `d` (same size
+// and channels), In and Out the two sample types.
+template <typename In, typename Out, typename F>
+void map_samples(const Image &s, const Image &d, F f) {
   const size_t n = size_t{s.width} * s.channels;
   for (uint32_t y = 0; y < s.height; ++y) {
-    const uint8_t *in = row_of(s, y);
-    float *out = row_of<float>(d, y);
-    for (size_t i = 0; i < n; ++i) out[i] = table[in[i]];
+    const In *in = row_of<In>(s, y);
+    Out *out = row_of<Out>(d, y);
+    for (size_t i = 0; i < n; ++i) out[i] = f(in[i]);
   }
 }
 
@@ -58,24 +60,15 @@ MRESULT img_bgr2gray(const Image *src, Image *dst, int32_t weights) {
 MRESULT img_u8_to_s32(const Image *src, Image *dst) {
   const MRESULT s = check_pair(src, 8, dst, 32, hseg::ubo::kAnyChannels);
   if (s != HSEG_OK) return s;
-  const size_t n = size_t{src->width} * src->channels;
-  for (uint32_t y = 0; y < src->height; ++y) {
-    const uint8_t *in = row_of(*src, y);
-    int32_t *out = row_of<int32_t>(*dst, y);
-    for (size_t i = 0; i < n; ++i) out[i] = in[i];
-  }
+  map_samples<uint8_t, int32_t>(*src, *dst, [](uint8_t v) { return int32_t{v}; });
   return HSEG_OK;
 }
 
 MRESULT img_s32_to_u8(const Image *src, Image *dst) {
   const MRESULT s = check_pair(src, 32, dst, 8, hseg::ubo::kAnyChannels);
   if (s != HSEG_OK) return s;
-  const size_t n = size_t{src->width} * src->channels;
-  for (uint32_t y = 0; y < src->height; ++y) {
-    const int32_t *in = row_of<int32_t>(*src, y);
-    uint8_t *out = row_of(*dst, y);
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(std::clamp(in[i], 0, 255));
-  }
+  map_samples<int32_t, uint8_t>(
+      *src, *dst, [](int32_t v) { return static_cast<uint8_t>(std::clamp(v, 0, 255)); });
   return HSEG_OK;
 }
 
@@ -94,7 +87,7 @@ MRESULT img_normalize_minmax(const Image *src, Image *dst, float lo, float hi) {
   float table[256];
   for (int v = 0; v < 256; ++v)
     table[v] = v == vmax && vmax > vmin ? hi : static_cast<float>(lo + (v - vmin) * scale);
-  map_samples(*src, *dst, table);
+  map_samples<uint8_t, float>(*src, *dst, [&table](uint8_t v) { return table[v]; });
   return HSEG_OK;
 }
 
@@ -118,7 +111,7 @@ MRESULT img_normalize_meanstd(const Image *src, Image *dst) {
   const double inv_sd = n2var > 0 ? 1.0 / sd : 0.0;
   float table[256];
   for (int v = 0; v < 256; ++v) table[v] = static_cast<float>((v - mean) * inv_sd);
-  map_samples(*src, *dst, table);
+  map_samples<uint8_t, float>(*src, *dst, [&table](uint8_t v) { return table[v]; });
   return HSEG_OK;
 }
 

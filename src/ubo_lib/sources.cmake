@@ -2,7 +2,7 @@ hseg_sources(base
   src/ubo_lib/image.cpp
 )
 
-# ---- image toolkit ----
+# Image toolkit
 hseg_sources(ubo
   src/ubo_lib/geometry.cpp
   src/ubo_lib/colour_rows.cpp
@@ -14,4 +14,3 @@ hseg_sources(ubo
   src/ubo_lib/matrix.cpp
   src/ubo_lib/bmp.cpp
 )
-# ---- end of image toolkit ----
