@@ -16,6 +16,7 @@
 #include "hseg/hseg.h"
 #include "pipeline/segment_internal.h"
 #include "support/alloc_hooks.h"
+#include "support/guarded.h"
 
 namespace {
 
@@ -220,9 +221,7 @@ TEST(FigureNet, NullScoreBufferStatusAndMissingBuffers) {
     for (int x = 0; x < kNetSide / 2; ++x) bytes[y * pitch + 3 * x + 2] = 255;
   const OffscreenImage guide{HSEG_PIXFMT_BGR24, kNetSide, kNetSide, {bytes.data()}, {pitch}};
   std::vector<uint8_t> mask(kScoreCells, kCanary);
-  OffscreenImage out{};
-  out.planes[0] = mask.data();
-  out.pitches[0] = 1;  // not used: the coarse mask is written contiguously
+  OffscreenImage out{HSEG_PIXFMT_GRAY, kScoreSide, kScoreSide, {mask.data()}, {kScoreSide}};
 
   FakeNet net;
   net.probe_scores = true;
@@ -243,6 +242,52 @@ TEST(FigureNet, NullScoreBufferStatusAndMissingBuffers) {
   EXPECT_EQ(FigureNet_il(nullptr, &no_plane, &out, 0, nullptr, 0), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(FigureNet_il(nullptr, &narrow, &out, 0, nullptr, 0), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(std::count(mask.begin(), mask.end(), kCanary), kScoreCells);
+}
+
+// Descriptors FigureNet_il cannot serve are refused before anything is read
+// or written (a 10x10 input over 300 bytes was read as 473 rows, a 10x10
+// output over 100 bytes written 3600). Then one real pass with the input
+// ending and the mask and scores beginning at a guard page, rows packed.
+TEST(FigureNet, RefusesDescriptorsItCannotServeAndStaysInsideTheBuffers) {
+  using hseg_test::GuardedBuffer;
+  using hseg_test::GuardedImage;
+  const auto after = GuardedBuffer::kGuardAfter, before = GuardedBuffer::kGuardBefore;
+  GuardedBuffer scores(2 * kScoreCells * sizeof(float), before, 0);
+  struct Case {
+    const char *what;
+    uint32_t in_format;
+    int in_w, in_h;
+    uint32_t out_format;
+    int out_w, out_h, out_pitch;
+  };
+  const uint32_t bgr = HSEG_PIXFMT_BGR24, grey = HSEG_PIXFMT_GRAY;
+  const Case cases[] = {
+      {"10x10 input", bgr, 10, 10, grey, 60, 60, 60},
+      {"10x10 output", bgr, kNetSide, kNetSide, grey, 10, 10, 10},
+      {"473x472 input", bgr, kNetSide, kNetSide - 1, grey, 60, 60, 60},
+      {"grey input", grey, kNetSide, kNetSide, grey, 60, 60, 60},
+      {"60x59 output", bgr, kNetSide, kNetSide, grey, 60, 59, 60},
+      {"BGR output", bgr, kNetSide, kNetSide, bgr, 60, 60, 180},
+      {"output pitch below its width", bgr, kNetSide, kNetSide, grey, 61, 61, 60},
+  };
+  for (const Case &c : cases) {
+    GuardedImage in(c.in_format, c.in_w, c.in_h, after);
+    GuardedBuffer out_bytes(size_t(c.out_pitch) * (c.out_h - 1) + c.out_w, before, kCanary);
+    OffscreenImage out{c.out_format, c.out_w, c.out_h, {out_bytes.data()}, {c.out_pitch}};
+    EXPECT_EQ(FigureNet_il(nullptr, &in.desc(), &out, 0, reinterpret_cast<float *>(scores.data()), 0),
+              HSEG_ERR_BAD_ARGUMENT) << c.what;
+    EXPECT_EQ(std::count(out_bytes.data(), out_bytes.data() + out_bytes.size(), kCanary),
+              std::ptrdiff_t(out_bytes.size())) << c.what;
+  }
+  EXPECT_EQ(std::count(scores.data(), scores.data() + scores.size(), 0), std::ptrdiff_t(scores.size()));
+
+  GuardedImage in(HSEG_PIXFMT_BGR24, kNetSide, kNetSide, after), out(grey, 60, 60, before, kCanary);
+  for (int i = 0; i < 3 * kNetSide * kNetSide; ++i) in.desc().planes[0][i] = uint8_t(i % 251);
+  ASSERT_EQ(FigureNet_il(nullptr, &in.desc(), &out.desc(), 0, reinterpret_cast<float *>(scores.data()), 0),
+            HSEG_OK);
+  std::vector<uint8_t> want(kScoreCells);
+  hseg::coarse_mask(reinterpret_cast<const float *>(scores.data()), want.data());
+  EXPECT_TRUE(std::equal(want.begin(), want.end(), out.desc().planes[0]));
 }
 
 // ---------------------------------------------------------------------------
@@ -418,6 +463,28 @@ TEST_F(AroundTheNetwork, EachAllocationFailureGivesStatus4AndLeaksNothing) {
   });
   EXPECT_GT(total, kBeforeNetwork + 1);
   EXPECT_LT(swallowed, total - kBeforeNetwork - 1);  // the CRF's set-up failures are reported
+}
+
+// The caller's planes and mask each end (or begin) at a guard page, rows
+// packed, odd sizes, every format: the area resize, the CRF and the nearest
+// resize stay inside them.
+TEST_F(AroundTheNetwork, StaysInsideGuardedBuffers) {
+  using hseg_test::GuardedBuffer;
+  using hseg_test::GuardedImage;
+  const Scene scene;
+  for (uint32_t f : {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_I420, HSEG_PIXFMT_NV21}) {
+    const Frame frame = make_frame(scene, f);
+    for (const auto mode : {GuardedBuffer::kGuardAfter, GuardedBuffer::kGuardBefore}) {
+      const bool larger = mode == GuardedBuffer::kGuardAfter;  // a mask above 473 or below
+      GuardedImage src(frame.desc, Scene::kW - 1, Scene::kH - 3, mode);
+      GuardedImage mask(HSEG_PIXFMT_GRAY, larger ? 701 : 121, larger ? 501 : 67, mode, kCanary);
+      FakeNet net;
+      EXPECT_EQ(hseg::segment(nullptr, &src.desc(), &mask.desc(), 0, net.hook(), nullptr), HSEG_OK)
+          << "format " << std::hex << f;
+      const uint8_t *m = mask.desc().planes[0];
+      EXPECT_TRUE(binary(std::vector<uint8_t>(m, m + mask.plane(0).size())));
+    }
+  }
 }
 
 TEST_F(AroundTheNetwork, SmallSourceIsNotEnlarged) {

@@ -282,10 +282,14 @@ HSEG_API UpsamplingParams *ParamUpsampling2(UpsamplingParams *params);
  * repeats that last row (and one value past it that repeats the row's first
  * value), so the bottom output rows are decided by real scores.
  *
+ * The lift only enlarges: the coarse grid may be at most as wide and as
+ * tall as the guide (sw <= guide width, sh <= guide height).
+ *
  * Status 0; 4 on a failed allocation; 2 for null pointers or planes, sizes
  * below 1, output size different from the guide's, a guide pitch below
- * 3 * width or an output pitch below width, coarse sizes whose planes do not
- * fit 32-bit byte counts or whose 8.8 steps would reach past them; 3 when
+ * 3 * width or an output pitch below width, a coarse grid wider or taller
+ * than the guide, coarse sizes whose planes do not fit 32-bit byte counts or
+ * whose 8.8 steps would reach past them; 3 when
  * the guide is not 0x201 or the output not 0x701; otherwise the first
  * failing CRF status. The output is written only on success. */
 HSEG_API MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
