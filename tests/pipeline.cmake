@@ -30,6 +30,14 @@ add_dependencies(weights_tool_test hseg-weights deeplab_data)
 # Runs the full pipeline a few times (seconds each), four at once in the
 # threaded test.
 hseg_add_test(segment_test LIBS hseg_pipeline SOURCES segment_test.cpp)
+# Under ThreadSanitizer the test script runs the lattice tests (crf_test) and
+# only the threaded test of the stages around the network: a network pass
+# takes minutes there, and OpenBLAS, which is not instrumented, synchronises
+# its worker threads in ways the sanitizer cannot see.
+if(HSEG_TSAN)
+  add_test(NAME segment_threads_test
+           COMMAND segment_test --gtest_filter=AroundTheNetwork.FourThreadsGiveTheSerialMasks)
+endif()
 if(TARGET hseg-segment)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)
   target_compile_definitions(segment_tool_test PRIVATE

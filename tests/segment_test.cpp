@@ -474,6 +474,37 @@ TEST_F(AroundTheNetwork, StaysInsideGuardedBuffers) {
   }
 }
 
+// Four threads, each in its own format and mask size, twice over, give the
+// masks of the same calls made one after the other: the stages share no
+// state. The test script also runs this under ThreadSanitizer.
+TEST_F(AroundTheNetwork, FourThreadsGiveTheSerialMasks) {
+  const Scene scene;
+  const uint32_t formats[4] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_I420, HSEG_PIXFMT_NV21};
+  std::vector<Frame> frames;
+  std::vector<Mask> serial, threaded;
+  serial.reserve(4), threaded.reserve(4);
+  for (int k = 0; k < 4; ++k) {
+    frames.push_back(make_frame(scene, formats[k]));
+    serial.emplace_back(100 + 37 * k, 90 + 11 * k, 120 + 37 * k);
+    threaded.emplace_back(serial.back());
+    FakeNet net;
+    ASSERT_EQ(hseg::segment(nullptr, &frames[k].desc, &serial[k].desc, 0, net.hook(), nullptr), HSEG_OK);
+  }
+  MRESULT status[4] = {0, 0, 0, 0};
+  std::vector<std::thread> threads;
+  for (int k = 0; k < 4; ++k)
+    threads.emplace_back([&, k] {
+      FakeNet net;
+      for (int round = 0; round < 2; ++round)
+        status[k] |= hseg::segment(nullptr, &frames[k].desc, &threaded[k].desc, 0, net.hook(), nullptr);
+    });
+  for (auto &t : threads) t.join();
+  for (int k = 0; k < 4; ++k) {
+    EXPECT_EQ(status[k], HSEG_OK);
+    EXPECT_TRUE(threaded[k].packed() == serial[k].packed()) << "thread " << k;
+  }
+}
+
 TEST_F(AroundTheNetwork, SmallSourceIsNotEnlarged) {
   // The area resize only shrinks: a 100x100 source leaves the guide black.
   OffscreenImage src = bgr_->desc;
