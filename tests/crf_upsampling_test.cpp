@@ -202,16 +202,12 @@ TEST(Upsampling, StaysInsideGuardedBuffers) {
   for (const auto &c : cases) {
     for (const auto mode : {GuardedBuffer::kGuardAfter, GuardedBuffer::kGuardBefore}) {
       GuardedImage guide(HSEG_PIXFMT_BGR24, c.W, c.H, mode), mask(HSEG_PIXFMT_GRAY, c.W, c.H, mode);
-      for (int y = 0; y < c.H; ++y)
-        for (int x = 0; x < 3 * c.W; ++x) guide.desc().planes[0][y * 3 * c.W + x] = uint8_t(x * y);
-      const size_t n = size_t(2) * c.sw * c.sh;
-      GuardedBuffer scores(n * sizeof(float), mode);
-      const std::vector<float> values = hseg_test::random_floats(n, 0.0f, 1.0f, 5);
-      std::memcpy(scores.data(), values.data(), n * sizeof(float));
-      EXPECT_EQ(DCR_Upsampling2(nullptr, &guide.desc(), &params,
-                                reinterpret_cast<const float *>(scores.data()), c.sw, c.sh,
-                                &mask.desc()),
-                HSEG_OK) << c.W << "x" << c.H << " from " << c.sw << "x" << c.sh;
+      for (int i = 0; i < 3 * c.W * c.H; ++i) guide.desc().planes[0][i] = uint8_t(i % 3 * (i / 3 % 7));
+      const std::vector<float> values = hseg_test::random_floats(size_t(2) * c.sw * c.sh, 0.0f, 1.0f, 5);
+      GuardedBuffer scores(values.size() * sizeof(float), mode);
+      std::memcpy(scores.data(), values.data(), scores.size());
+      EXPECT_EQ(DCR_Upsampling2(nullptr, &guide.desc(), &params, reinterpret_cast<float *>(scores.data()),
+                                c.sw, c.sh, &mask.desc()), HSEG_OK) << c.W << "x" << c.H;
       const uint8_t *m = mask.desc().planes[0];
       EXPECT_TRUE(std::all_of(m, m + c.W * c.H, [](uint8_t v) { return v == 0 || v == 255; }));
     }

