@@ -1,9 +1,13 @@
 // Hseg on camera-sized frames: time per call, the share of each stage, and
-// the process's peak resident memory.
+// the process's peak resident memory; and a 200-call soak that prints the
+// resident memory every 20 calls (it must stay flat).
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <cinttypes>
 #include <cstdint>
+#include <cstdio>
 #include <vector>
 
 #include "hseg/hseg.h"
@@ -70,11 +74,17 @@ void BM_Hseg_BGR_1280x720(benchmark::State &state) {
   run(state, src);
 }
 
-void BM_Hseg_NV21_1920x1080(benchmark::State &state) {
-  const int w = 1920, h = 1080;
-  std::vector<uint8_t> bgr = make_bgr(w, h);
-  std::vector<uint8_t> nv21(size_t{1} * w * h * 3 / 2);
-  // Luma and V,U pairs from the BGR frame (full range).
+// The frame of make_bgr as NV21 (full range): the luma plane, then V,U pairs.
+struct Nv21Frame {
+  std::vector<uint8_t> bytes;
+  OffscreenImage desc{};
+};
+
+Nv21Frame make_nv21(int w, int h) {
+  const std::vector<uint8_t> bgr = make_bgr(w, h);
+  Nv21Frame f;
+  f.bytes.resize(size_t{1} * w * h * 3 / 2);
+  std::vector<uint8_t> &nv21 = f.bytes;
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const uint8_t *p = &bgr[3 * (size_t{1} * y * w + x)];
@@ -86,18 +96,64 @@ void BM_Hseg_NV21_1920x1080(benchmark::State &state) {
         vu[1] = static_cast<uint8_t>(128.0 + (p[0] - luma) / 1.773 + 0.5);
       }
     }
-  OffscreenImage src{};
-  src.format = HSEG_PIXFMT_NV21;
-  src.width = w;
-  src.height = h;
-  src.planes[0] = nv21.data();
-  src.planes[1] = nv21.data() + size_t{1} * w * h;
-  src.pitches[0] = w;
-  src.pitches[1] = w;
-  run(state, src);
+  f.desc.format = HSEG_PIXFMT_NV21;
+  f.desc.width = w;
+  f.desc.height = h;
+  f.desc.planes[0] = nv21.data();
+  f.desc.planes[1] = nv21.data() + size_t{1} * w * h;
+  f.desc.pitches[0] = w;
+  f.desc.pitches[1] = w;
+  return f;
+}
+
+void BM_Hseg_NV21_1920x1080(benchmark::State &state) {
+  const Nv21Frame f = make_nv21(1920, 1080);
+  run(state, f.desc);
+}
+
+// Resident memory of this process now, in kB.
+int64_t resident_kb() {
+  long pages = 0, resident = 0;
+  FILE *f = std::fopen("/proc/self/statm", "r");
+  if (f == nullptr) return -1;
+  const int n = std::fscanf(f, "%ld %ld", &pages, &resident);
+  std::fclose(f);
+  return n == 2 ? int64_t{resident} * sysconf(_SC_PAGESIZE) / 1024 : -1;
+}
+
+// 200 calls, alternating a 1920x1080 NV21 frame with its mask at full size
+// and a 1280x720 BGR frame with a 320x180 mask, so that the allocations
+// differ from call to call. Prints the resident memory after every 20 calls;
+// rss_growth_kB is the change from call 20 to call 200.
+void BM_Hseg_Soak200(benchmark::State &state) {
+  const Nv21Frame nv21 = make_nv21(1920, 1080);
+  std::vector<uint8_t> bgr = make_bgr(1280, 720);
+  const OffscreenImage bgr_src{HSEG_PIXFMT_BGR24, 1280, 720, {bgr.data()}, {3 * 1280}};
+  std::vector<uint8_t> big(size_t{1920} * 1080), small(size_t{320} * 180);
+  OffscreenImage big_dst{HSEG_PIXFMT_GRAY, 1920, 1080, {big.data()}, {1920}};
+  OffscreenImage small_dst{HSEG_PIXFMT_GRAY, 320, 180, {small.data()}, {320}};
+  int64_t first = 0, last = 0;
+  for (auto _ : state) {
+    for (int call = 1; call <= 200; ++call) {
+      const bool odd = call % 2 == 1;
+      if (Hseg(nullptr, odd ? &nv21.desc : &bgr_src, odd ? &big_dst : &small_dst, 0, 0) != HSEG_OK) {
+        state.SkipWithError("Hseg failed");
+        return;
+      }
+      if (call % 20 != 0) continue;
+      last = resident_kb();
+      if (call == 20) first = last;
+      std::printf("soak: after call %3d resident %" PRId64 " kB\n", call, last);
+      std::fflush(stdout);
+    }
+  }
+  state.counters["rss_first_kB"] = static_cast<double>(first);
+  state.counters["rss_last_kB"] = static_cast<double>(last);
+  state.counters["rss_growth_kB"] = static_cast<double>(last - first);
 }
 
 }  // namespace
 
 BENCHMARK(BM_Hseg_BGR_1280x720)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(0.1);
 BENCHMARK(BM_Hseg_NV21_1920x1080)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(0.1);
+BENCHMARK(BM_Hseg_Soak200)->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);

@@ -2,8 +2,8 @@
 # Installs what is missing, builds the library and its tests, and runs the
 # test suite twice: in the Release build (then builds and checks the Debian
 # packages) and in a build instrumented with AddressSanitizer and
-# UndefinedBehaviorSanitizer; then runs every libFuzzer target for a bounded
-# time.
+# UndefinedBehaviorSanitizer; then the threaded and lattice tests in a small
+# ThreadSanitizer build, and every libFuzzer target for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/bootstrap.sh
@@ -23,6 +23,14 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# ThreadSanitizer: only the two test programs it runs are built, on the
+# Release build's weights file (so the weights are not made again).
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_TSAN=ON \
+  -DHSEG_BUILD_TOOLS=OFF -DHSEG_WEIGHTS="$PWD/build/generated/synthetic.safetensors"
+cmake --build build-tsan -j"$jobs" --target crf_test segment_test
+TSAN_OPTIONS=halt_on_error=1 \
+  ctest --test-dir build-tsan -R '^(crf_test|segment_threads_test)$' --output-on-failure -j"$jobs"
 
 # Every parser of untrusted bytes, fuzzed for a minute each.
 if command -v clang++ >/dev/null 2>&1; then

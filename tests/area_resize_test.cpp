@@ -58,37 +58,46 @@ Grid grid_of(const Picture &p, uint32_t format, bool half) {
   return g;
 }
 
-// Footprints, in 1024ths of a grid row, of the destination rows the walk
-// writes: `step` units each, closed where they end; the first row that ends
-// past the grid gets the rest of it when the last visit closes a row and that
-// visit is not taken already. Rows after these repeat the last one.
-std::vector<std::pair<int64_t, int64_t>> plan_rows(int64_t step, int visits, int dh,
-                                                   bool close_last) {
-  std::vector<std::pair<int64_t, int64_t>> rows;
+// Vertical footprints [lo, hi), in grid rows, of the destination rows.
+using Rows = std::vector<std::pair<double, double>>;
+
+// The fixed-point walk's rows: `step` 1024ths each, closed where they end;
+// the first row that ends past the grid gets the rest of it when the last
+// visit closes a row and that visit is not taken already. Rows after these
+// repeat the last one.
+Rows walk_rows(int64_t step, int visits, int dh, bool close_last) {
+  Rows rows;
   const int64_t total = int64_t{visits} * 1024;
   for (int64_t dy = 0, lo = 0; dy < dh; ++dy, lo += step) {
     if (lo + step <= total) {
-      rows.push_back({lo, lo + step});
+      rows.push_back({lo / 1024.0, (lo + step) / 1024.0});
     } else {
-      if (close_last && lo <= total - 1024) rows.push_back({lo, total});
+      if (close_last && lo <= total - 1024) rows.push_back({lo / 1024.0, visits});
       break;
     }
   }
+  while (int(rows.size()) < dh) rows.push_back(rows.back());
+  return rows;
+}
+
+// The exact rows of a grid `extent` rows high.
+Rows exact_rows(double extent, int dh) {
+  Rows rows;
+  for (int dy = 0; dy < dh; ++dy) rows.push_back({dy * extent / dh, (dy + 1) * extent / dh});
   return rows;
 }
 
 // Double-precision area means of every destination pixel (3 per pixel).
-std::vector<double> reference(const Grid &g, int dw, int dh, double sx, double sy,
-                              int64_t step, bool close_last) {
-  const auto rows = plan_rows(step, g.h, dh, close_last);
+std::vector<double> reference(const Grid &g, int dw, double sx, double sy, const Rows &rows) {
+  const int dh = int(rows.size());
   std::vector<double> out(size_t(3) * dw * dh);
   for (int dy = 0; dy < dh; ++dy) {
-    const auto [lo, hi] = rows[std::min<size_t>(dy, rows.size() - 1)];
+    const auto [lo, hi] = rows[dy];
     for (int dx = 0; dx < dw; ++dx) {
       const double x0 = dx * sx, x1 = std::min((dx + 1) * sx, double(g.w));
       double acc[3] = {0, 0, 0};
-      for (int64_t r = lo / 1024; r < (hi + 1023) / 1024; ++r) {
-        const double oy = (std::min(hi, (r + 1) * 1024) - std::max(lo, r * 1024)) / 1024.0;
+      for (int r = int(lo); r < int(std::ceil(hi)); ++r) {
+        const double oy = std::min(hi, r + 1.0) - std::max(lo, double(r));
         for (int x = int(x0); x < int(std::ceil(x1)); ++x) {
           const double o = (std::min(x1, x + 1.0) - std::max(x0, double(x))) * oy;
           for (int k = 0; k < 3; ++k) acc[k] += o * g.c[k][size_t(r) * g.w + x];
@@ -130,6 +139,9 @@ std::vector<uint8_t> check_against_reference(const Picture &p, uint32_t format, 
   const Raster t = run(half ? LumResizeToBGR_SP : LumResizeToBGR, describe(p, format, pad), dw,
                        dh, pad);
   EXPECT_TRUE(t.padding_untouched());
+  // The fixed-point walk serves at most 32 source pixels per destination
+  // pixel each way, and on the half grid at least 2; the exact mean the rest.
+  const bool fixed = p.w <= 32 * dw && p.h <= 32 * dh && (!half || (p.w >= 2 * dw && p.h >= 2 * dh));
   const int64_t full = (int64_t{p.h} * 2048 / dh + 1) >> 1;
   const int64_t step = !half                        ? full
                        : format == HSEG_PIXFMT_BGR24 ? full / 2
@@ -137,9 +149,10 @@ std::vector<uint8_t> check_against_reference(const Picture &p, uint32_t format, 
   const bool close_last =
       !half || format == HSEG_PIXFMT_YUY2 || (format == HSEG_PIXFMT_BGR24) == (p.h % 2 == 1);
   const double f = half ? 0.5 : 1.0;
-  expect_near_reference(
-      t, reference(grid_of(p, format, half), dw, dh, f * p.w / dw, f * p.h / dh, step, close_last),
-      format != HSEG_PIXFMT_BGR24);
+  const Grid g = grid_of(p, format, half);
+  const Rows rows = fixed ? walk_rows(step, g.h, dh, close_last) : exact_rows(f * p.h, dh);
+  expect_near_reference(t, reference(g, dw, f * p.w / dw, f * p.h / dh, rows),
+                        format != HSEG_PIXFMT_BGR24);
   return t.packed();
 }
 
@@ -168,8 +181,9 @@ TEST(AreaResize, MatchesDoubleAreaReferenceAndYuvLayoutsAgree) {
 // The walk's last rows: closed by the last source row (1000 -> 473, step
 // 2165 overshoots by 45/1024), copied where the rounded step leaves the last
 // row unclosed (56 -> 55, 500 -> 473), never written past (2053 -> 2052),
-// and at the half grid's forced-close rules for both parities. At 100:1 the
-// rounded 14-bit weights add up to more than 1: white must stay white.
+// and at the half grid's forced-close rules for both parities. At 31.25:1
+// (15:1 on the half grid) the rounded 14-bit weights add up to more than 1:
+// white must stay white.
 TEST(AreaResize, ClosesOrCopiesTheLastRowsStopsAtTheEndAndSaturates) {
   std::mt19937 rng(3);
   const struct { int w, h, dw, dh; bool half, white; } cases[] = {
@@ -177,11 +191,39 @@ TEST(AreaResize, ClosesOrCopiesTheLastRowsStopsAtTheEndAndSaturates) {
       {9, 500, 4, 473, false, false},  {9, 537, 4, 473, false, false},
       {9, 2053, 4, 2052, false, false}, {9, 200, 4, 97, true, false},
       {9, 201, 4, 97, true, false},    {9, 1000, 4, 473, true, false},
-      {1000, 1000, 10, 10, false, true}, {1000, 1000, 10, 10, true, true}};
+      {1000, 1000, 32, 32, false, true}, {960, 960, 32, 32, true, true}};
   for (const auto &c : cases) {
     Picture p = random_picture(rng, c.w, c.h, c.white ? 255 : 0, 255);
     if (c.white) p.u.assign(p.u.size(), 128), p.v.assign(p.v.size(), 128);
     for (uint32_t f : kFormats) check_against_reference(p, f, c.dw, c.dh, c.half, 1);
+  }
+}
+
+// Past 32 source pixels per destination pixel, and on the half grid below 2,
+// the resize is the exact area mean: a uniform picture stays uniform (the
+// 14-bit weights made a uniform 200 into 195 at 640x480 -> 16x12, black at
+// 1920x1080 -> 2x2; the half grid saturated every other column at 640x480
+// -> 600x400) and a random one is within 1 of the double-precision mean, in
+// every layout. Past 32 one way only, odd sizes, and random shapes too.
+TEST(AreaResize, LargeRatiosAndHalfGridEnlargementGiveTheAreaMean) {
+  std::mt19937 rng(37);
+  struct Case { int w, h, dw, dh; bool half; };
+  std::vector<Case> cases = {
+      {640, 480, 16, 12, false}, {1920, 1080, 2, 2, false}, {182, 182, 1, 1, false},
+      {199, 40, 6, 40, false},   {40, 199, 40, 6, false},   {99, 70, 3, 2, true},
+      {640, 480, 600, 400, true}, {63, 9, 40, 4, true},     {9, 63, 4, 40, true},
+      {65, 47, 33, 24, true}};
+  for (int trial = 0; trial < 10; ++trial) {
+    const int w = 2 + int(rng() % 120), h = 2 + int(rng() % 120);
+    cases.push_back({w, h, w / 2 + 1 + int(rng() % (w - w / 2)), 1 + int(rng() % h), true});
+    cases.push_back({w + 66, h, 1 + int(rng() % 2), 1 + int(rng() % h), false});
+  }
+  for (const auto &c : cases) {
+    for (const int lo : {200, 0}) {
+      Picture p = random_picture(rng, c.w, c.h, lo, lo == 0 ? 255 : lo);
+      if (lo != 0) p.u.assign(p.u.size(), 128), p.v.assign(p.v.size(), 128);
+      for (uint32_t f : kFormats) check_against_reference(p, f, c.dw, c.dh, c.half, int(rng() % 3));
+    }
   }
 }
 
@@ -259,10 +301,11 @@ TEST(AreaResize, RefusesBadArgumentsAndEnlargementWithoutWorking) {
 
 // Failures past the argument checks write nothing and leak nothing: a
 // failed allocation (status 4), and a column table that would overrun
-// (single-precision column positions drift on very wide sources).
+// (single-precision column positions drift on very wide sources: 16424 to
+// 516 columns, 32802 to 1026 on the half grid, both within 32:1).
 TEST(AreaResize, FailuresLeaveNothingBehind) {
   std::mt19937 rng(19);
-  const Picture p = random_picture(rng, 30, 20), wide = random_picture(rng, 32768, 1);
+  const Picture p = random_picture(rng, 30, 20);
   const int64_t live = alloc_live();
   for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
     for (uint32_t f : kFormats) {
@@ -276,8 +319,10 @@ TEST(AreaResize, FailuresLeaveNothingBehind) {
       });
       EXPECT_EQ(n, 1);
     }
+    const bool half = resize == LumResizeToBGR_SP;
+    const Picture wide = random_picture(rng, half ? 32802 : 16424, 2);
     const Frame s = describe(wide, HSEG_PIXFMT_BGR24, 0);
-    Raster t(1000, 1, 3);  // the last footprint ends 0.004 (half grid: 0.002) past the end
+    Raster t(half ? 1026 : 516, 1, 3);
     const OffscreenImage d = t.bgr();
     EXPECT_EQ(resize(nullptr, &s.d, &d), HSEG_ERR_TABLE);
     EXPECT_TRUE(t.untouched() && alloc_live() == live);

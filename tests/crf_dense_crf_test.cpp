@@ -1,6 +1,6 @@
 // Dense CRF: the normalisation paths against each other, ties, one label and
-// energies far apart, relaxation, the swallowed filter failure, a two-region
-// denoising test and the failure paths.
+// energies far apart, relaxation, the swallowed filter failure, the filter
+// scratch, a two-region denoising test and the failure paths.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -75,23 +75,24 @@ TEST(DenseCrf, EqualUnariesOneLabelAndEnergiesFarApart) {
 }
 
 // Relaxation r mixes r of the update with 1 - r of the previous marginals.
-// A filtering that runs out of memory is not reported: that iteration keeps
-// the marginals it started with. Three labels take the plain paths.
-TEST(DenseCrf, RelaxationAndASwallowedFailedFiltering) {
+// The inference takes no memory, so it cannot run out; a potential that
+// cannot filter (a record edited by hand) makes its iteration keep the
+// marginals it started with, unreported. Three labels take the plain paths.
+TEST(DenseCrf, RelaxationNoAllocationAndASwallowedFailedFiltering) {
   const int W = 10, H = 8, N = W * H;
   for (uint32_t M : {2u, 3u}) {
     const std::vector<float> u = hseg_test::random_floats(M * N, 0.0f, 4.0f, M);
-    Grid full(W, H, M, u), half(W, H, M, u), start(W, H, M, u), failed(W, H, M, u);
-    for (Grid *g : {&full, &half, &failed})
+    Grid full(W, H, M, u), half(W, H, M, u), start(W, H, M, u), broken(W, H, M, u);
+    for (Grid *g : {&full, &half, &broken})
       ASSERT_EQ(crf_add_gaussian_potts(&g->crf, 2.0f, 2.0f, 3.0f), HSEG_OK);
     ASSERT_EQ(crf_inference(&start.crf, 0, 1.0f), HSEG_OK);
+    hseg_test::alloc_reset();
     ASSERT_EQ(crf_inference(&full.crf, 1, 1.0f), HSEG_OK);
+    EXPECT_EQ(hseg_test::alloc_calls(), 0);
     ASSERT_EQ(crf_inference(&half.crf, 1, 0.25f), HSEG_OK);
-    hseg_test::alloc_reset();
-    hseg_test::alloc_fail_at(1);  // the lattice's first value buffer
-    EXPECT_EQ(crf_inference(&failed.crf, 1, 1.0f), HSEG_OK);
-    hseg_test::alloc_reset();
-    EXPECT_EQ(std::memcmp(start.crf.marginals, failed.crf.marginals, 4 * M * N), 0);
+    broken.crf.potentials[broken.crf.potential_count++] = LatticeFilter{};  // never built
+    EXPECT_EQ(crf_inference(&broken.crf, 1, 1.0f), HSEG_OK);
+    EXPECT_EQ(std::memcmp(start.crf.marginals, broken.crf.marginals, 4 * M * N), 0);
     for (uint32_t k = 0; k < M * N; ++k) {
       const float want = 0.25f * full.crf.marginals[k] + 0.75f * start.crf.marginals[k];
       ASSERT_EQ(half.crf.marginals[k], want) << "M " << M << " entry " << k;
@@ -102,6 +103,28 @@ TEST(DenseCrf, RelaxationAndASwallowedFailedFiltering) {
       ASSERT_NEAR(s, 1.0f, 1e-6f);
     }
   }
+}
+
+// Features far apart (a spatial deviation of 0.05 pixels) touch about three
+// lattice points a pixel, so the lattice's value buffers outgrow the 2 * N *
+// M floats of the filter scratch: the add operation grows it, and an
+// iteration gives the bits of the allocating filter (ppil_apply) followed by
+// the normalisation.
+TEST(DenseCrf, ScratchGrowsForScatteredFeatures) {
+  const int W = 9, H = 7, N = W * H;
+  const uint32_t M = 3;
+  const std::vector<float> u = hseg_test::random_floats(M * N, 0.0f, 4.0f, 8);
+  Grid g(W, H, M, u);
+  ASSERT_EQ(crf_add_gaussian_potts(&g.crf, 0.05f, 0.05f, 2.0f), HSEG_OK);
+  ASSERT_GT(g.crf.potentials[0].lattice.lattice_count, N);
+  std::vector<float> q(M * N), next(M * N), tmp(M * N), sums(N);
+  for (int k = 0; k < int(M) * N; ++k) next[k] = -u[k];
+  hseg::crf::normalize_reference(next.data(), q.data(), sums.data(), N, M);
+  for (int k = 0; k < int(M) * N; ++k) next[k] = -u[k];
+  ASSERT_EQ(ppil_apply(&g.crf.potentials[0], next.data(), q.data(), tmp.data(), M), HSEG_OK);
+  hseg::crf::normalize_reference(next.data(), q.data(), sums.data(), N, M);
+  ASSERT_EQ(crf_inference(&g.crf, 1, 1.0f), HSEG_OK);
+  EXPECT_EQ(std::memcmp(q.data(), g.crf.marginals, 4 * M * N), 0);
 }
 
 // Two colour regions (a disc on a background), unaries that point the
@@ -164,7 +187,11 @@ TEST(DenseCrf, RejectsBadArguments) {
   EXPECT_EQ(hseg_test::alloc_live(), 0);
 }
 
-TEST(DenseCrf, FailedAllocationsReturnFourAndLeaveTheCrfUsable) {
+// Every allocation is taken at set-up, the growth of the filter scratch for
+// scattered features included: each failure returns 4 from crf_init2d or an
+// add operation (which leaves the CRF as it was), and the inference never
+// meets one.
+TEST(DenseCrf, FailedAllocationsReturnFourAtSetUpAndLeaveTheCrfUsable) {
   const int W = 8, H = 6;
   const std::vector<uint8_t> img(3 * W * H, 100);
   hseg_test::for_each_alloc_failure([&](int64_t fail) {
@@ -177,6 +204,13 @@ TEST(DenseCrf, FailedAllocationsReturnFourAndLeaveTheCrfUsable) {
       if (st == HSEG_OK) {
         st = crf_add_bilateral_potts(&crf, img.data(), 3 * W, 5, 5, 9, 9, 9, 1);
         EXPECT_EQ(crf.potential_count, st == HSEG_OK ? 2 : 1);
+      }
+      if (st == HSEG_OK) {
+        st = crf_add_gaussian_potts(&crf, 0.05f, 0.05f, 1);
+        EXPECT_EQ(crf.potential_count, st == HSEG_OK ? 3 : 2);
+      }
+      if (st == HSEG_OK) {
+        EXPECT_EQ(crf_inference(&crf, 2, 1.0f), HSEG_OK);
       }
     }
     EXPECT_EQ(st, fail == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY) << "failing allocation " << fail;

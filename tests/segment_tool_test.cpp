@@ -1,6 +1,9 @@
 // hseg-segment as a person uses it: messages and exit statuses for bad
-// input, and a two-frame raw YUY2 file segmented end to end.
+// input, outputs that fail to be written, and a two-frame raw YUY2 file
+// segmented end to end.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,10 +36,11 @@ struct ToolRun {
   std::string out, err;
 };
 
-// Runs the tool with `args` (already shell-quoted where needed).
-ToolRun run_tool(const std::string &args) {
+// Runs the tool with `args` (already shell-quoted where needed), after the
+// shell commands `before` (a ulimit, say).
+ToolRun run_tool(const std::string &args, const std::string &before = "") {
   const std::string out = path("stdout.txt"), err = path("stderr.txt");
-  const std::string cmd = std::string("'") + HSEG_SEGMENT_TOOL + "' " + args + " >'" + out +
+  const std::string cmd = before + "exec '" + HSEG_SEGMENT_TOOL + "' " + args + " >'" + out +
                           "' 2>'" + err + "' </dev/null";
   ToolRun r;
   const int raw = std::system(cmd.c_str());
@@ -46,17 +50,30 @@ ToolRun run_tool(const std::string &args) {
   return r;
 }
 
+// The names in directory `dir`, dot files included.
+std::vector<std::string> entries(const std::string &dir) {
+  std::vector<std::string> names;
+  DIR *d = opendir(dir.c_str());
+  while (dirent *e = d != nullptr ? readdir(d) : nullptr)
+    if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+  if (d != nullptr) closedir(d);
+  return names;
+}
+
 TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
   write_file("text.png", {'h', 'e', 'l', 'l', 'o', '\n'});
-  write_file("broken.png", {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 13, 'I', 'H'});
+  // A PNG cut to 20 bytes, inside its header chunk.
+  write_file("cut.png", {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 13, 'I', 'H', 'D', 'R', 0, 0, 0, 64});
   write_file("odd.yuy2", std::vector<uint8_t>(1000, 128));  // 16x16 frames are 512 bytes
   write_file("empty.nv21", {});
-  const std::string text = "'" + path("text.png") + "'";
+  write_file("one.yuy2", std::vector<uint8_t>(2 * 64 * 48, 128));
+  mkdir(path("dir").c_str(), 0777);
+  const std::string text = "'" + path("text.png") + "'", dir = "'" + path("dir") + "'";
   struct Case {
     const char *what;
     std::string args;
     int status;
-    const char *message;
+    std::string message;
   };
   const Case cases[] = {
       {"no input", "", 2, "no input file"},
@@ -73,11 +90,20 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
       {"flag with a value", "--time=1 " + text, 2, "takes no value"},
       {"missing file", "'" + path("nothing-here.png") + "'", 1, "cannot open"},
       {"unsupported format", text, 1, "unsupported format"},
-      {"corrupt png", "'" + path("broken.png") + "'", 1, "cannot decode"},
+      {"PNG cut to 20 bytes", "'" + path("cut.png") + "'", 1, "cannot decode '" + path("cut.png") + "': the file is truncated"},
       {"raw size not whole frames", "--raw yuy2 --size 16x16 '" + path("odd.yuy2") + "'", 1,
        "(1000 bytes) is not a whole number of 16x16 yuy2 frames (512 bytes each)"},
       {"empty raw file", "--raw nv21 --size 4x4 '" + path("empty.nv21") + "'", 1,
        "not a whole number"},
+      {"directory as raw input", "--raw nv21 --size 4x4 " + dir, 1, "': Is a directory"},
+      {"directory as picture", dir, 1, "cannot read '" + path("dir") + "': Is a directory"},
+      {"mask beyond the output limit",
+       "--mask-size 65535x65535 -o '" + path("m.gray") + "' --raw yuy2 --size 64x48 '" +
+           path("one.yuy2") + "'",
+       2, "the mask would be 65535x65535, 4294836225 pixels: an output may have at most 67108864"},
+      {"raw cut-out beyond the output limit",
+       "--raw nv21 --size 8200x8200 --mask-size 8x8 --cutout c.png '" + path("one.yuy2") + "'", 2,
+       "the cut-out would be 8200x8200"},
   };
   for (const Case &c : cases) {
     const ToolRun r = run_tool(c.args);
@@ -85,6 +111,47 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": got\n" << r.err;
     EXPECT_EQ(r.err.rfind("hseg-segment: ", 0), 0u) << c.what;
   }
+  EXPECT_NE(access(path("m.gray").c_str(), F_OK), 0);  // refused before it was created
+  rmdir(path("dir").c_str());
+}
+
+// A write that fails exits 1 naming the file and the reason, and no output
+// of the run, nor any temporary, is left: a raw mask stream to a full
+// device; a cut-out to it (the mask written before it goes too); a picture's
+// outputs past a 1 KiB file-size limit; the overlay of the second of two
+// frames.
+TEST(SegmentTool, FailedWritesExitOneAndLeaveNoOutputs) {
+  write_file("one.yuy2", std::vector<uint8_t>(2 * 64 * 48, 128));
+  write_file("two.yuy2", std::vector<uint8_t>(2 * 2 * 64 * 48, 128));
+  const std::string out = path("out"), picture = "'" HSEG_EXAMPLES_DIR "/astronaut.png'";
+  mkdir(out.c_str(), 0777);
+  struct Case {
+    const char *what, *before;
+    std::string args;
+    const char *message;
+  };
+  const Case cases[] = {
+      {"raw mask to a full device", "", "--raw yuy2 --size 64x48 -o /dev/full '" + path("one.yuy2") + "'",
+       "cannot write '/dev/full': No space left on device"},
+      {"cut-out to a full device", "", picture + " -o '" + out + "/m.png' --cutout /dev/full",
+       "cannot write '/dev/full': No space left on device"},
+      {"overlay past the file-size limit", "ulimit -f 2; ",
+       picture + " -o '" + out + "/m.png' --overlay '" + out + "/ov.png'", "': File too large"},
+  };
+  for (const Case &c : cases) {
+    const ToolRun r = run_tool(c.args, c.before);
+    EXPECT_EQ(r.status, 1) << c.what << "\n" << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": got\n" << r.err;
+    EXPECT_EQ(entries(out), std::vector<std::string>()) << c.what;
+  }
+  mkdir((out + "/ov-000001.png").c_str(), 0777);  // the second frame's overlay cannot be made
+  const ToolRun r = run_tool("--raw yuy2 --size 64x48 -o '" + out + "/m.gray' --overlay '" + out +
+                             "/ov.png' '" + path("two.yuy2") + "'");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("ov-000001.png': Is a directory"), std::string::npos) << r.err;
+  EXPECT_EQ(entries(out), std::vector<std::string>{"ov-000001.png"});
+  rmdir((out + "/ov-000001.png").c_str());
+  rmdir(out.c_str());
 }
 
 TEST(SegmentTool, HelpDocumentsEveryOption) {

@@ -1,12 +1,14 @@
 // hseg-segment: segments the person in image files and raw video frames with
 // libhseg and writes the mask, and on request a cut-out and an overlay that
 // show the result at a glance.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -22,14 +24,28 @@
 
 #include "common/checked.h"
 #include "hseg/hseg.h"
+#include "output_file.h"
 
 namespace {
+
+using hseg_tools::OutputFile;
+using hseg_tools::OutputSet;
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;   // unreadable or unsupported input, failed segmentation or write
 constexpr int kExitUsage = 2;    // bad command line
 constexpr int32_t kNetSide = 473;
 constexpr int32_t kMaxSide = 65535;
+// Every picture the tool writes (mask, cut-out, overlay) has at most this
+// many pixels, 8192x8192. At that size a run holds the picture, the mask at
+// two sizes, the cut-out or overlay and the PNG encoder's copies of it
+// beside the network's working memory: a raw 8192x8192 frame written as
+// all three outputs peaks at 1.33 GB resident, and a picture of that size
+// adds its decoding, so 1.5 GB is enough. Every byte count then also stays
+// far inside the 32-bit sizes of the PNG encoder and of the library's
+// images.
+constexpr int64_t kMaxOutputPixels = int64_t{1} << 26;
+constexpr char kMaxOutputText[] = "67108864 (8192x8192)";
 
 const char kUsage[] =
     "usage: hseg-segment [options] INPUT\n"
@@ -67,6 +83,13 @@ const char kUsage[] =
     "When several raw frames give PNG files (mask, cut-out, overlay), the\n"
     "frame number is put before the extension: overlay.png becomes\n"
     "overlay-000000.png, overlay-000001.png, ...\n"
+    "\n"
+    "Outputs are written under temporary names beside them and take their own\n"
+    "names only when the whole run has succeeded; a failed run leaves none of\n"
+    "them behind. Devices and pipes (/dev/null, say) are written directly.\n"
+    "Every output (mask, cut-out, overlay) may have at most 67108864 pixels\n"
+    "(8192x8192), which keeps a run within about 1.5 GB of memory; larger\n"
+    "ones are refused before any work is done.\n"
     "\n"
     "Pictures and frames smaller than 473 pixels in a dimension are enlarged\n"
     "with the library's bilinear resizer first (a note says so). On a terminal,\n"
@@ -131,6 +154,27 @@ bool parse_size(const std::string &text, Size *out) {
   if (i != text.size()) return false;
   out->w = static_cast<int32_t>(v[0]);
   out->h = static_cast<int32_t>(v[1]);
+  return true;
+}
+
+int64_t pixels(Size s) { return int64_t{s.w} * s.h; }
+
+// Refuses, with the reason, an output larger than kMaxOutputPixels that a
+// run over `input` (the input's size) would write: the mask (the input's
+// size unless --mask-size says otherwise), the cut-out and the overlay (the
+// input's size). `input` is null when the input's size is not known yet.
+bool outputs_fit(const Options &opt, const Size *input) {
+  auto refuse = [](const char *what, Size s, const char *hint) {
+    complain("the %s would be %dx%d, %" PRId64 " pixels: an output may have at most %s%s", what,
+             s.w, s.h, pixels(s), kMaxOutputText, hint);
+    return false;
+  };
+  const Size mask = opt.mask_size.w != 0 ? opt.mask_size : input != nullptr ? *input : Size{};
+  if (pixels(mask) > kMaxOutputPixels)
+    return refuse("mask", mask, opt.mask_size.w != 0 ? "" : "; give a smaller --mask-size");
+  if (input == nullptr || pixels(*input) <= kMaxOutputPixels) return true;
+  if (!opt.cutout.empty()) return refuse("cut-out", *input, " (it keeps the input's size)");
+  if (!opt.overlay.empty()) return refuse("overlay", *input, " (it keeps the input's size)");
   return true;
 }
 
@@ -232,6 +276,8 @@ int parse_args(int argc, char **argv, Options *opt) {
     complain("yuy2 frames need an even width (two pixels share a chroma pair)");
     return kExitUsage;
   }
+  if (!outputs_fit(*opt, opt->raw != RawFormat::kNone ? &opt->raw_size : nullptr))
+    return kExitUsage;
   if (opt->mask.empty()) {
     std::string stem = opt->input;
     const size_t slash = stem.find_last_of('/');
@@ -291,14 +337,20 @@ bool read_file(const std::string &path, std::vector<uint8_t> *out) {
     complain("cannot open '%s': %s", path.c_str(), std::strerror(errno));
     return false;
   }
+  struct stat st;
+  if (fstat(fileno(f), &st) == 0 && S_ISDIR(st.st_mode)) {
+    std::fclose(f);
+    complain("cannot read '%s': %s", path.c_str(), std::strerror(EISDIR));
+    return false;
+  }
   out->clear();
   uint8_t chunk[1 << 16];
   size_t n;
   while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) out->insert(out->end(), chunk, chunk + n);
-  const bool failed = std::ferror(f) != 0;
+  const int error = std::ferror(f) != 0 ? errno : 0;
   std::fclose(f);
-  if (failed) complain("cannot read '%s'", path.c_str());
-  return !failed;
+  if (error != 0) complain("cannot read '%s': %s", path.c_str(), std::strerror(error));
+  return error == 0;
 }
 
 enum class Codec { kUnknown, kPng, kJpeg, kBmp };
@@ -312,10 +364,33 @@ Codec sniff(const std::vector<uint8_t> &bytes) {
   return Codec::kUnknown;
 }
 
-bool load_picture(const std::string &path, Picture *pic) {
+uint32_t big_endian32(const uint8_t *p) {
+  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+
+// Walks the chunks of a PNG file (length, type, data, CRC) up to IEND, so
+// that a cut or damaged file is called so, rather than by whatever the
+// decoder trips over first. Returns null for a whole file, else the reason.
+const char *png_damage(const std::vector<uint8_t> &bytes) {
+  size_t at = 8;  // past the signature
+  for (bool first = true;; first = false) {
+    if (bytes.size() - at < 8) return "the file is truncated (its PNG data ends early)";
+    const uint32_t length = big_endian32(&bytes[at]);
+    const uint8_t *type = &bytes[at + 4];
+    if (length > 0x7FFFFFFFu || (first && std::memcmp(type, "IHDR", 4) != 0))
+      return "not a valid PNG file (its chunks are damaged)";
+    if (bytes.size() - at - 8 < size_t{length} + 4)
+      return "the file is truncated (its PNG data ends early)";
+    if (std::memcmp(type, "IEND", 4) == 0) return nullptr;
+    at += size_t{length} + 12;
+  }
+}
+
+bool load_picture(const std::string &path, const Options &opt, Picture *pic) {
   std::vector<uint8_t> bytes;
   if (!read_file(path, &bytes)) return false;
-  if (sniff(bytes) == Codec::kUnknown) {
+  const Codec codec = sniff(bytes);
+  if (codec == Codec::kUnknown) {
     complain("unsupported format of '%s': expected a PNG, JPEG or BMP picture "
              "(for raw frames give --raw and --size)", path.c_str());
     return false;
@@ -324,16 +399,27 @@ bool load_picture(const std::string &path, Picture *pic) {
     complain("'%s' is too large to decode", path.c_str());
     return false;
   }
+  const char *damage = codec == Codec::kPng ? png_damage(bytes) : nullptr;
+  if (damage != nullptr) {
+    complain("cannot decode '%s': %s", path.c_str(), damage);
+    return false;
+  }
+  // The size first, so that nothing is decoded that cannot be served.
   int w = 0, h = 0, n = 0;
-  stbi_uc *rgb = stbi_load_from_memory(bytes.data(), static_cast<int>(bytes.size()), &w, &h,
-                                       &n, 3);
-  if (rgb == nullptr) {
+  const int length = static_cast<int>(bytes.size());
+  if (stbi_info_from_memory(bytes.data(), length, &w, &h, &n) == 0) {
     complain("cannot decode '%s': %s", path.c_str(), stbi_failure_reason());
     return false;
   }
   if (w > kMaxSide || h > kMaxSide) {
-    stbi_image_free(rgb);
     complain("'%s' is larger than 65535 pixels in a dimension", path.c_str());
+    return false;
+  }
+  const Size size{w, h};
+  if (!outputs_fit(opt, &size)) return false;
+  stbi_uc *rgb = stbi_load_from_memory(bytes.data(), length, &w, &h, &n, 3);
+  if (rgb == nullptr) {
+    complain("cannot decode '%s': %s", path.c_str(), stbi_failure_reason());
     return false;
   }
   pic->size = Size{w, h};
@@ -343,12 +429,21 @@ bool load_picture(const std::string &path, Picture *pic) {
   return true;
 }
 
-bool write_png(const std::string &path, Size size, int comp, const uint8_t *data) {
-  if (stbi_write_png(path.c_str(), size.w, size.h, comp, data, size.w * comp) == 0) {
-    complain("cannot write '%s'", path.c_str());
-    return false;
+// Writes a PNG to a new output of `outputs`: through the file's checked
+// writes, closed at once (a run over many frames keeps no file open).
+bool write_png(OutputSet &outputs, const std::string &path, Size size, int comp,
+               const uint8_t *data) {
+  OutputFile &f = outputs.add(path);
+  if (f.open()) {
+    auto sink = [](void *context, void *bytes, int n) {
+      static_cast<OutputFile *>(context)->write(bytes, static_cast<size_t>(n));
+    };
+    if (stbi_write_png_to_func(sink, &f, size.w, size.h, comp, data, size.w * comp) == 0)
+      f.fail(ENOMEM);  // the encoder could not get its buffers
+    if (f.close()) return true;
   }
-  return true;
+  complain("%s", f.message().c_str());
+  return false;
 }
 
 // Cut-out: the picture in RGBA with the mask as alpha.
@@ -493,8 +588,11 @@ const char *status_text(MRESULT s) {
 
 class Segmenter {
  public:
-  Segmenter(const Options &opt, Size input, int64_t frames)
-      : opt_(opt), input_(input), frames_(frames) {
+  // Outputs go to new files of `outputs`, the mask to `raw_mask` instead
+  // when it is a raw stream (not null).
+  Segmenter(const Options &opt, Size input, int64_t frames, OutputSet &outputs,
+            OutputFile *raw_mask)
+      : opt_(opt), input_(input), frames_(frames), outputs_(outputs), raw_mask_(raw_mask) {
     mask_size_ = opt.mask_size.w != 0 ? opt.mask_size : input;
     net_size_ = Size{std::max(input.w, kNetSide), std::max(input.h, kNetSide)};
   }
@@ -504,8 +602,14 @@ class Segmenter {
 
   // Segments `src` (the frame as given) and writes every requested output.
   // `pic` is the frame as BGR, needed for the cut-out and the overlay only.
-  // `raw_mask` receives the mask when it is a raw stream.
-  bool run(const OffscreenImage &src, const Picture *pic, int64_t frame, FILE *raw_mask) {
+  bool run(const OffscreenImage &src, const Picture *pic, int64_t frame) {
+    return segment(src) && write_outputs(pic, frame);
+  }
+
+ private:
+  // Fills mask_ from `src`, enlarged first when it is smaller than the
+  // network's input.
+  bool segment(const OffscreenImage &src) {
     OffscreenImage net_src = src;
     if (!(net_size_ == input_)) {
       if (!totals_.enlarged)
@@ -524,7 +628,6 @@ class Segmenter {
       totals_.enlarge += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
       net_src = enlarged_.describe();
     }
-
     mask_.assign(size_t{1} * mask_size_.w * mask_size_.h, 0);
     OffscreenImage dst = packed_image(HSEG_PIXFMT_GRAY, mask_size_, mask_.data(), 1);
     HsegStageTimes t{};
@@ -536,13 +639,16 @@ class Segmenter {
     totals_.crf += t.crf;
     totals_.final_resize += t.final_resize;
     totals_.total += t.total;
+    return true;
+  }
 
-    if (raw_mask != nullptr) {
-      if (std::fwrite(mask_.data(), 1, mask_.size(), raw_mask) != mask_.size()) {
-        complain("cannot write '%s'", opt_.mask.c_str());
+  bool write_outputs(const Picture *pic, int64_t frame) {
+    if (raw_mask_ != nullptr) {
+      if (!raw_mask_->write(mask_.data(), mask_.size())) {
+        complain("%s", raw_mask_->message().c_str());
         return false;
       }
-    } else if (!write_png(name(opt_.mask, frame), mask_size_, 1, mask_.data())) {
+    } else if (!write_png(outputs_, name(opt_.mask, frame), mask_size_, 1, mask_.data())) {
       return false;
     }
     if (!needs_picture()) return true;
@@ -557,16 +663,15 @@ class Segmenter {
       if (r != HSEG_OK) return library_failed("resizing the mask", r);
       mask = input_mask_.data();
     }
-    if (!opt_.cutout.empty() &&
-        !write_png(name(opt_.cutout, frame), input_, 4, make_cutout(*pic, mask).data()))
+    if (!opt_.cutout.empty() && !write_png(outputs_, name(opt_.cutout, frame), input_, 4,
+                                           make_cutout(*pic, mask).data()))
       return false;
-    if (!opt_.overlay.empty() &&
-        !write_png(name(opt_.overlay, frame), input_, 3, make_overlay(*pic, mask).data()))
+    if (!opt_.overlay.empty() && !write_png(outputs_, name(opt_.overlay, frame), input_, 3,
+                                            make_overlay(*pic, mask).data()))
       return false;
     return true;
   }
 
- private:
   std::string name(const std::string &base, int64_t frame) const {
     return frames_ > 1 ? numbered(base, frame) : base;
   }
@@ -578,10 +683,20 @@ class Segmenter {
   const Options &opt_;
   Size input_, mask_size_, net_size_;
   int64_t frames_;
+  OutputSet &outputs_;
+  OutputFile *raw_mask_;
   Picture enlarged_;
   std::vector<uint8_t> mask_, input_mask_;
   Totals totals_;
 };
+
+// Gives every output its name once the run has succeeded.
+bool commit(OutputSet &outputs) {
+  const OutputFile *failed = nullptr;
+  if (outputs.commit(&failed)) return true;
+  complain("%s", failed->message().c_str());
+  return false;
+}
 
 void print_times(const Totals &t) {
   if (t.frames == 0) return;
@@ -611,60 +726,51 @@ void show_progress(int64_t done, int64_t frames, double elapsed) {
 
 int run_picture(const Options &opt) {
   Picture pic;
-  if (!load_picture(opt.input, &pic)) return kExitFailed;
-  Segmenter seg(opt, pic.size, 1);
-  if (!seg.run(pic.describe(), &pic, 0, nullptr)) return kExitFailed;
+  if (!load_picture(opt.input, opt, &pic)) return kExitFailed;
+  OutputSet outputs;
+  Segmenter seg(opt, pic.size, 1, outputs, nullptr);
+  if (!seg.run(pic.describe(), &pic, 0) || !commit(outputs)) return kExitFailed;
   if (opt.time) print_times(seg.totals());
   return kExitOk;
 }
 
-int run_raw(const Options &opt) {
-  FILE *in = std::fopen(opt.input.c_str(), "rb");
-  if (in == nullptr) {
-    complain("cannot open '%s': %s", opt.input.c_str(), std::strerror(errno));
-    return kExitFailed;
-  }
-  int64_t file_size = -1;
-  if (fseeko(in, 0, SEEK_END) == 0) file_size = ftello(in);
-  if (file_size < 0 || fseeko(in, 0, SEEK_SET) != 0) {
-    std::fclose(in);
-    complain("cannot read '%s' (not a regular file?)", opt.input.c_str());
-    return kExitFailed;
+// The number of whole frames in the raw input `in`, or -1 after a message.
+int64_t count_frames(const Options &opt, FILE *in) {
+  struct stat st;
+  const char *reason = fstat(fileno(in), &st) != 0 ? std::strerror(errno)
+                       : S_ISDIR(st.st_mode)       ? std::strerror(EISDIR)
+                       : !S_ISREG(st.st_mode)
+                           ? "not a regular file (raw frames are counted from its size)"
+                           : nullptr;
+  if (reason != nullptr) {
+    complain("cannot read '%s': %s", opt.input.c_str(), reason);
+    return -1;
   }
   const int64_t fb = frame_bytes(opt.raw, opt.raw_size);
-  if (file_size == 0 || file_size % fb != 0) {
-    std::fclose(in);
+  if (st.st_size == 0 || st.st_size % fb != 0) {
     complain("'%s' (%" PRId64 " bytes) is not a whole number of %dx%d %s frames "
              "(%" PRId64 " bytes each)",
-             opt.input.c_str(), file_size, opt.raw_size.w, opt.raw_size.h, raw_name(opt.raw), fb);
-    return kExitFailed;
+             opt.input.c_str(), static_cast<int64_t>(st.st_size), opt.raw_size.w,
+             opt.raw_size.h, raw_name(opt.raw), fb);
+    return -1;
   }
-  const int64_t frames = file_size / fb;
+  return st.st_size / fb;
+}
 
-  const bool png_masks = ends_with_png(opt.mask);
-  FILE *mask_out = nullptr;
-  if (!png_masks) {
-    mask_out = std::fopen(opt.mask.c_str(), "wb");
-    if (mask_out == nullptr) {
-      std::fclose(in);
-      complain("cannot write '%s': %s", opt.mask.c_str(), std::strerror(errno));
-      return kExitFailed;
-    }
-  }
-
-  Segmenter seg(opt, opt.raw_size, frames);
-  std::vector<uint8_t> frame(static_cast<size_t>(fb));
+// Segments every frame of the open raw input `in`.
+bool segment_frames(const Options &opt, FILE *in, int64_t frames, OutputSet &outputs,
+                    OutputFile *mask_out, Totals *totals) {
+  Segmenter seg(opt, opt.raw_size, frames, outputs, mask_out);
+  std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes(opt.raw, opt.raw_size)));
   Picture pic;
   pic.size = opt.raw_size;
   if (seg.needs_picture()) pic.bgr.resize(size_t{3} * opt.raw_size.w * opt.raw_size.h);
   const bool progress = frames > 1 && isatty(STDERR_FILENO);
   const auto t0 = std::chrono::steady_clock::now();
-  int status = kExitOk;
-  for (int64_t i = 0; i < frames && status == kExitOk; ++i) {
+  for (int64_t i = 0; i < frames; ++i) {
     if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) {
       complain("cannot read frame %" PRId64 " of '%s'", i, opt.input.c_str());
-      status = kExitFailed;
-      break;
+      return false;
     }
     const OffscreenImage src = describe_raw(opt.raw, opt.raw_size, frame.data());
     if (seg.needs_picture()) {
@@ -674,27 +780,50 @@ int run_raw(const Options &opt) {
       if (s != HSEG_OK) {
         std::fprintf(stderr, "hseg-segment: colour conversion failed: status %u (%s)\n", s,
                      status_text(s));
-        status = kExitFailed;
-        break;
+        return false;
       }
     }
-    if (!seg.run(src, &pic, i, mask_out)) status = kExitFailed;
-    if (progress && status == kExitOk)
+    if (!seg.run(src, &pic, i)) return false;
+    if (progress)
       show_progress(i + 1, frames,
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
   }
-  std::fclose(in);
-  if (mask_out != nullptr && std::fclose(mask_out) != 0 && status == kExitOk) {
-    complain("cannot write '%s'", opt.mask.c_str());
-    status = kExitFailed;
+  *totals = seg.totals();
+  return true;
+}
+
+int run_raw(const Options &opt) {
+  FILE *in = std::fopen(opt.input.c_str(), "rb");
+  if (in == nullptr) {
+    complain("cannot open '%s': %s", opt.input.c_str(), std::strerror(errno));
+    return kExitFailed;
   }
-  if (status == kExitOk && opt.time) print_times(seg.totals());
-  return status;
+  const int64_t frames = count_frames(opt, in);
+  OutputSet outputs;
+  OutputFile *mask_out = ends_with_png(opt.mask) ? nullptr : &outputs.add(opt.mask);
+  Totals totals;
+  bool ok = frames > 0;
+  if (ok && mask_out != nullptr && !mask_out->open()) {
+    complain("%s", mask_out->message().c_str());
+    ok = false;
+  }
+  ok = ok && segment_frames(opt, in, frames, outputs, mask_out, &totals);
+  std::fclose(in);
+  if (ok && mask_out != nullptr && !mask_out->close()) {
+    complain("%s", mask_out->message().c_str());
+    ok = false;
+  }
+  if (!ok || !commit(outputs)) return kExitFailed;
+  if (opt.time) print_times(totals);
+  return kExitOk;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+  // A write past a file-size limit then fails with EFBIG, is reported and
+  // cleaned up, instead of killing the tool and leaving temporaries behind.
+  std::signal(SIGXFSZ, SIG_IGN);
   Options opt;
   const int parsed = parse_args(argc, argv, &opt);
   if (parsed != kExitOk) return parsed;

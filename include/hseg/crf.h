@@ -196,7 +196,9 @@ typedef struct DenseCrf {
   float *additional_unary; /* N*M, zeroed at init, subtracted with the unary */
   float *marginals;        /* N*M, current Q */
   float *next;             /* N*M, per-iteration accumulator */
-  float *filter_scratch;   /* 2*N*M, scratch for ppil_apply */
+  float *filter_scratch;   /* 2*N*M floats, or more: the work buffers of the
+                              potentials' filtering, sized by the add
+                              operations so that the inference takes none */
   LatticeFilter potentials[HSEG_CRF_MAX_POTENTIALS];
   int32_t potential_count;
   float *pixel_scratch;    /* N + 10, per-pixel scratch of the normalisation */
@@ -214,10 +216,14 @@ HSEG_API MRESULT crf_init2d(MHandle handle, DenseCrf *crf, int32_t width, uint32
                             uint32_t M);
 
 /* Adds a smoothness potential: features (x / sx, y / sy) per pixel, Potts
- * weight `weight`. Needs a grid CRF (crf_init2d). Status 0; 4 on a failed
- * allocation; 2 for a null or non-grid CRF, a ninth potential, or features
- * outside the lattice's range (sx or sy zero, not finite, or tiny); else the
- * filter's status. On failure the CRF is left as it was. */
+ * weight `weight`. Needs a grid CRF (crf_init2d). The potential's filter and
+ * everything its filtering will need in the inference are allocated here:
+ * features far apart (tiny sx, sy) touch more lattice points than there are
+ * pixels, and the filter scratch then grows to hold their work buffers.
+ * Status 0; 4 on a failed allocation; 2 for a null or non-grid CRF, a ninth
+ * potential, or features outside the lattice's range (sx or sy zero, not
+ * finite, or tiny); else the filter's status. On failure the CRF is left as
+ * it was. */
 HSEG_API MRESULT crf_add_gaussian_potts(DenseCrf *crf, float sx, float sy, float weight);
 
 /* Adds an appearance potential: features (x / sx, y / sy, b0 / s0, b1 / s1,
@@ -230,9 +236,11 @@ HSEG_API MRESULT crf_add_bilateral_potts(DenseCrf *crf, const uint8_t *image, in
 
 /* Mean-field inference from the unary: `iterations` updates (none when
  * below 1, leaving the softmax of -unary), each mixing the new marginals
- * with the old by `relaxation` (1.0 replaces them). A potential whose
- * filtering fails (out of memory) makes that iteration keep the old
- * marginals; this is not reported. Status 0; 2 for a null or unset CRF. */
+ * with the old by `relaxation` (1.0 replaces them). It takes no memory (the
+ * set-up took it all), so it cannot run out. A potential whose filtering
+ * fails all the same (a record edited by hand) makes that iteration keep
+ * the old marginals; this is not reported. Status 0; 2 for a null or unset
+ * CRF. */
 HSEG_API MRESULT crf_inference(DenseCrf *crf, int32_t iterations, float relaxation);
 
 /* Writes per pixel the label with the largest marginal (the first on ties)
@@ -282,10 +290,14 @@ HSEG_API UpsamplingParams *ParamUpsampling2(UpsamplingParams *params);
  * repeats that last row (and one value past it that repeats the row's first
  * value), so the bottom output rows are decided by real scores.
  *
+ * The lift only enlarges: the coarse grid may be at most as wide and as
+ * tall as the guide (sw <= guide width, sh <= guide height).
+ *
  * Status 0; 4 on a failed allocation; 2 for null pointers or planes, sizes
  * below 1, output size different from the guide's, a guide pitch below
- * 3 * width or an output pitch below width, coarse sizes whose planes do not
- * fit 32-bit byte counts or whose 8.8 steps would reach past them; 3 when
+ * 3 * width or an output pitch below width, a coarse grid wider or taller
+ * than the guide, coarse sizes whose planes do not fit 32-bit byte counts or
+ * whose 8.8 steps would reach past them; 3 when
  * the guide is not 0x201 or the output not 0x701; otherwise the first
  * failing CRF status. The output is written only on success. */
 HSEG_API MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,

@@ -257,7 +257,7 @@ HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *
 
 /* Runs the network on the 473x473 BGR image `in` (plane 0, pitch 0) and
  * writes the 60x60 coarse mask to `out`'s plane 0 as 3600 contiguous bytes
- * (row r at offset 60 * r; out's pitch is not used): 255 where the person
+ * (row r at offset 60 * r, whatever out's pitch): 255 where the person
  * score beats both the background score and 0, else 0. Precisely, with a the
  * background and b the person score of a cell, 255 when b > max(a, 0), where
  * a NaN a counts as 0 and a NaN b, or b equal to the threshold, gives 0.
@@ -268,7 +268,11 @@ HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *
  *         network returned, so after a failed pass it reflects what the
  *         buffer held before.
  * mem, reserved, flags: not used.
- * Returns the network's status. */
+ * Returns HSEG_ERR_BAD_ARGUMENT, before anything is read or written, unless
+ * `in` is HSEG_PIXFMT_BGR24, exactly 473x473, with a plane and pitch 0 >=
+ * 1419, and `out` is HSEG_PIXFMT_GRAY, at least 60x60, with a plane and
+ * pitch 0 >= its width (so that it holds the 3600 bytes); otherwise the
+ * network's status. */
 HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenImage *out,
                               uint64_t reserved, float *scores, int32_t flags);
 

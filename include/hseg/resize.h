@@ -14,7 +14,7 @@ extern "C" {
 
 /* ---- area resize to BGR (full and half-sampled) ---- */
 
-/* Area shrink to packed BGR in one pass, in integer fixed point.
+/* Area shrink to packed BGR in one pass.
  *
  * Every destination pixel is the mean of the source rectangle it covers,
  * with fractional weights for the source pixels cut by its edges. The three
@@ -65,15 +65,28 @@ typedef struct LumResizeEntry {
  *   HSEG_ERR_TABLE         the column table would overrun or a footprint
  *                          would leave the source (only for sources wider
  *                          than about 16000 pixels, where single-precision
- *                          positions drift, e.g. 32768 to 1000 columns);
+ *                          positions drift, e.g. 16424 to 516 columns);
  *   HSEG_OK                success.
  * On every status but the last HSEG_OK the destination is left untouched.
  *
- * Output: every value is saturated to 0..255 (at very large shrink ratios
- * the rounded weights can add up to more than 1). The row step is rounded to
- * 1/1024 of a source row; where that rounding leaves the last destination
- * rows unwritten, they are copies of the last row written, and nothing is
- * ever written below the last destination row.
+ * Two regimes, which meet at 32 source pixels per destination pixel:
+ *
+ * - Source width <= 32 * destination width and source height <= 32 *
+ *   destination height (every frame of up to 15136 pixels a side that Hseg
+ *   shrinks to 473x473): integer fixed point through the column table
+ *   below and the workers, bit for bit as they are documented. Each source
+ *   pixel's weight is 16384 / (footprint area) rounded to an integer, so a
+ *   mean can move by up to about area / 128 levels: a uniform picture stays
+ *   within 1 level up to about 15 source pixels per destination pixel each
+ *   way and is off by up to 7 levels near 32x32. Every value is saturated
+ *   to 0..255 (the rounded weights can add up to more than 1). The row step
+ *   is rounded to 1/1024 of a source row; where that rounding leaves the
+ *   last destination rows unwritten, they are copies of the last row
+ *   written, and nothing is ever written below the last destination row.
+ * - Beyond 32 either way: the area mean in double precision, rounded half up
+ *   (a uniform picture stays uniform; any picture is within 1 level of the
+ *   exact mean; YUV means are rounded, then converted). It needs no column
+ *   table, so HSEG_ERR_TABLE does not occur there.
  *
  * One work block is taken from MMemAlloc(mem, ...) and returned before the
  * call returns; no pointer is kept. Reentrant. */
@@ -168,10 +181,16 @@ HSEG_API MRESULT lumResize_Area_YUV420LPtoBGR_Fast(
  * clamped to it (the missing column or row repeats the last one), so nothing
  * outside the caller's planes is read.
  *
- * Arguments, checks, statuses, work block, saturation and last-row handling
- * are those of LumResizeToBGR; the size check still compares against the
- * full source size, so a destination larger than half the source is
- * accepted (it is then enlarged on the half grid). */
+ * Arguments, checks, statuses and work block are those of LumResizeToBGR;
+ * the size check still compares against the full source size, so a
+ * destination larger than half the source is accepted (it is then enlarged
+ * on the half grid).
+ *
+ * Regimes: the fixed point of the workers below, with the saturation and
+ * last-row handling of LumResizeToBGR, where the source is 2 to 32 times the
+ * destination in both directions (1 to 16 grid samples per destination
+ * pixel); elsewhere, that is beyond 32 or below 2 either way, the area mean
+ * of the half grid in double precision, as for LumResizeToBGR. */
 HSEG_API MRESULT LumResizeToBGR_SP(MHandle mem, const OffscreenImage *src,
                                    const OffscreenImage *dst);
 

@@ -4,10 +4,12 @@
 // 1 on page 4). Each potential's message is one lattice filtering.
 #include "crf/dense_crf.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/checked.h"
 #include "crf/fast_math.h"
+#include "crf/permutohedral.h"
 #include "hseg/crf.h"
 
 namespace hseg {
@@ -97,14 +99,44 @@ MRESULT check_add(const DenseCrf *crf) {
   return HSEG_OK;
 }
 
+// Floats of the filter scratch: 2 * N * M, or more when a potential's
+// lattice needs larger value buffers to filter the M marginals per pixel
+// (scattered features touch up to N * (d + 1) lattice points). The add
+// operations keep the scratch exactly this size, so that the inference finds
+// every potential's buffers there and takes no memory of its own.
+int64_t scratch_floats(const DenseCrf *crf, int32_t potentials) {
+  int64_t floats = 2 * int64_t{crf->pixel_count} * crf->label_count;
+  for (int32_t p = 0; p < potentials; ++p) {
+    floats = std::max(floats, lattice_buffer_floats(&crf->potentials[p].lattice,
+                                                    static_cast<uint32_t>(crf->label_count)));
+  }
+  return floats;
+}
+
+// Grows the filter scratch, when it must, for the potential just built at
+// index crf->potential_count. The contents need not be kept.
+MRESULT fit_scratch(DenseCrf *crf) {
+  const int32_t n = crf->potential_count;
+  const int64_t need = lattice_buffer_floats(&crf->potentials[n].lattice,
+                                             static_cast<uint32_t>(crf->label_count));
+  if (need < 0 || !mul2_i32_valid(need, 4)) return HSEG_ERR_BAD_ARGUMENT;
+  if (need <= scratch_floats(crf, n)) return HSEG_OK;
+  float *grown = static_cast<float *>(MMemAlloc(crf->handle, static_cast<int32_t>(need * 4)));
+  if (grown == nullptr) return HSEG_ERR_NO_MEMORY;
+  MMemFree(crf->handle, crf->filter_scratch);
+  crf->filter_scratch = grown;
+  return HSEG_OK;
+}
+
 // Builds the next potential over `features` (N rows of d) and frees the
 // features. On failure the half-built filter is released and the CRF keeps
 // its potentials.
 MRESULT add_potential(DenseCrf *crf, float *features, uint32_t d, float weight) {
   LatticeFilter *filter = &crf->potentials[crf->potential_count];
-  const MRESULT st = ppil_init(crf->handle, filter, features, d,
-                               static_cast<uint32_t>(crf->pixel_count), 1, weight);
+  MRESULT st = ppil_init(crf->handle, filter, features, d,
+                         static_cast<uint32_t>(crf->pixel_count), 1, weight);
   MMemFree(crf->handle, features);
+  if (st == HSEG_OK) st = fit_scratch(crf);
   if (st != HSEG_OK) {
     ppil_release(filter);
     return st;
@@ -223,10 +255,13 @@ MRESULT crf_inference(DenseCrf *crf, int32_t iterations, float relaxation) {
   const float keep = 1.0f - relaxation;
   for (int32_t it = 0; it < iterations; ++it) {
     for (size_t k = 0; k < n; ++k) next[k] = -crf->unary[k] - crf->additional_unary[k];
-    // Potts messages: each potential adds weight * norm * (kernel * Q).
+    // Potts messages: each potential adds weight * norm * (kernel * Q),
+    // filtered in the scratch that the add operations sized for it.
     bool ok = true;
     for (int32_t p = 0; p < crf->potential_count && ok; ++p) {
-      ok = ppil_apply(&crf->potentials[p], next, q, crf->filter_scratch, M) == HSEG_OK;
+      const LatticeFilter &f = crf->potentials[p];
+      ok = hseg::crf::lattice_filter_accumulate(&f.lattice, next, q, M, f.weight, f.norm,
+                                                crf->filter_scratch) == HSEG_OK;
     }
     if (!ok) continue;  // a failed filtering leaves this iteration's marginals as they were
     if (relaxation == 1.0f) {

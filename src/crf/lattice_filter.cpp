@@ -49,7 +49,7 @@ MRESULT ppil_apply(const LatticeFilter *filter, float *out, const float *in, flo
   // into tmp followed by out += (weight * norm) * tmp.
   (void)tmp;
   return hseg::crf::lattice_filter_accumulate(&filter->lattice, out, in, vd, filter->weight,
-                                              filter->norm);
+                                              filter->norm, nullptr);
 }
 
 MRESULT ppil_release(LatticeFilter *filter) {

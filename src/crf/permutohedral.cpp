@@ -618,14 +618,20 @@ MRESULT check_compute(const PermutohedralLattice *lat, const float *out, const f
   return HSEG_OK;
 }
 
-// Two zeroed value buffers, or status 4 with nothing left allocated.
-MRESULT alloc_buffers(MHandle handle, int32_t bytes, float **a, float **b) {
-  *a = static_cast<float *>(MMemAlloc(handle, bytes));
-  *b = static_cast<float *>(MMemAlloc(handle, bytes));
-  if (*a == nullptr || *b == nullptr) {
-    MMemFree(handle, *a);
-    MMemFree(handle, *b);
-    return HSEG_ERR_NO_MEMORY;
+// Two value buffers of `bytes` each, zeroed: the two halves of the caller's
+// `scratch`, or allocated (status 4 with nothing left allocated on failure).
+MRESULT take_buffers(MHandle handle, int32_t bytes, float *scratch, float **a, float **b) {
+  if (scratch != nullptr) {
+    *a = scratch;
+    *b = scratch + bytes / 4;
+  } else {
+    *a = static_cast<float *>(MMemAlloc(handle, bytes));
+    *b = static_cast<float *>(MMemAlloc(handle, bytes));
+    if (*a == nullptr || *b == nullptr) {
+      MMemFree(handle, *a);
+      MMemFree(handle, *b);
+      return HSEG_ERR_NO_MEMORY;
+    }
   }
   std::memset(*a, 0, static_cast<size_t>(bytes));
   std::memset(*b, 0, static_cast<size_t>(bytes));
@@ -641,16 +647,17 @@ struct Accumulation {
 // Checks the arguments, splats `in` into a zeroed value buffer, blurs it and
 // slices into `out`: written when acc is null, else accumulated as acc says.
 // `plain` picks the generic kernels over the ones specialised for the
-// lattice's dimension and vd. The buffers are freed on every path.
+// lattice's dimension and vd. The value buffers are `scratch` when it is not
+// null, else allocated and freed on every path.
 MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const float *in,
                uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
-               int32_t out_size, const Accumulation *acc) {
+               int32_t out_size, const Accumulation *acc, float *scratch = nullptr) {
   int32_t bytes = 0;
   MRESULT st = check_compute(lat, out, in, vd, in_offset, out_offset, &in_size, &out_size, &bytes);
   if (st != HSEG_OK) return st;
   float *a = nullptr;
   float *b = nullptr;
-  st = alloc_buffers(lat->handle, bytes, &a, &b);
+  st = take_buffers(lat->handle, bytes, scratch, &a, &b);
   if (st != HSEG_OK) return st;
   const Geometry g = geometry_of(lat);
   const Kernels kern = plain ? kernels_for<0, 0>() : select_kernels(g.d1, vd);
@@ -661,8 +668,10 @@ MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const fl
   } else {
     kern.slice_accumulate(g, out, res, vd, acc->weight, acc->norm);
   }
-  MMemFree(lat->handle, a);
-  MMemFree(lat->handle, b);
+  if (scratch == nullptr) {
+    MMemFree(lat->handle, a);
+    MMemFree(lat->handle, b);
+  }
   return HSEG_OK;
 }
 
@@ -679,10 +688,20 @@ MRESULT lattice_compute_reference(const PermutohedralLattice *lattice, float *ou
   return filter(true, lattice, out, in, vd, in_offset, out_offset, in_size, out_size, nullptr);
 }
 
+int64_t lattice_buffer_floats(const PermutohedralLattice *lat, uint32_t vd) {
+  int32_t in_size = -1, out_size = -1, bytes = 0;
+  float probe = 0.0f;  // check_compute wants non-null rows; none are read
+  if (check_compute(lat, &probe, &probe, vd, 0, 0, &in_size, &out_size, &bytes) != HSEG_OK) {
+    return -1;
+  }
+  return 2 * int64_t{bytes / 4};
+}
+
 MRESULT lattice_filter_accumulate(const PermutohedralLattice *lat, float *out, const float *in,
-                                  uint32_t vd, float weight, const float *norm) {
+                                  uint32_t vd, float weight, const float *norm, float *buffers) {
+  if (norm == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   const Accumulation acc{weight, norm};
-  return filter(false, lat, out, in, vd, 0, 0, -1, -1, &acc);
+  return filter(false, lat, out, in, vd, 0, 0, -1, -1, &acc, buffers);
 }
 
 }  // namespace crf

@@ -143,9 +143,11 @@ MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
     return HSEG_ERR_BAD_ARGUMENT;
   }
   if (output->format != HSEG_PIXFMT_GRAY) return HSEG_ERR_FORMAT;
-  // The coarse planes plus one spare row and one value: 2*sw*sh + sw + 1
-  // floats in a 32-bit byte count.
-  if (sw < 1 || sh < 1 || sw > 0x7FFFFFFFu ||
+  // The lift only enlarges: from a coarse grid wider or taller than the
+  // guide its steps would skip coarse columns or rows and read only the
+  // first ones. The coarse planes plus one spare row and one value, 2*sw*sh
+  // + sw + 1 floats, must fit a 32-bit byte count.
+  if (sw < 1 || sh < 1 || sw > static_cast<uint32_t>(W) || sh > H ||
       !hseg::mul2_i32_valid(static_cast<int64_t>(sw) * 2, sh) ||
       !hseg::mad3_i32_valid(static_cast<int64_t>(sw) * 2 * sh + sw + 1, 4, 0)) {
     return HSEG_ERR_BAD_ARGUMENT;

@@ -175,8 +175,14 @@ MRESULT check_segment_args(const OffscreenImage *src, const OffscreenImage *dst)
 
 MRESULT figure_net(const OffscreenImage *in, OffscreenImage *out, float *scores,
                    const NetworkHook &net) {
+  // The network reads exactly 473 rows of 473 BGR pixels, and the mask goes
+  // out as 3600 contiguous bytes, which a one-channel image of at least
+  // 60x60 whose pitch holds its row always has room for.
   if (in == nullptr || out == nullptr || in->planes[0] == nullptr ||
-      out->planes[0] == nullptr || in->pitches[0] < 3 * kNetSide)
+      in->format != HSEG_PIXFMT_BGR24 || in->width != kNetSide || in->height != kNetSide ||
+      in->pitches[0] < 3 * kNetSide || out->planes[0] == nullptr ||
+      out->format != HSEG_PIXFMT_GRAY || out->width < kScoreSide || out->height < kScoreSide ||
+      out->pitches[0] < out->width)
     return HSEG_ERR_BAD_ARGUMENT;
   float *scratch = nullptr;
   if (scores == nullptr) {

@@ -22,8 +22,8 @@ int32_t walk_floor(float v) {
 }
 
 // Non-negative float to a 14-bit weight, rounded half up:
-// trunc(2 * v * 16384 + 1) >> 1. The entry points keep v <= 4 (the inverse
-// footprint area is at most 4 on the half grid), so the cast cannot overflow.
+// trunc(2 * v * 16384 + 1) >> 1. The entry points keep v <= 1 (a footprint
+// covers at least one sample of its grid), so the cast cannot overflow.
 uint32_t weight_q14(float v) { return static_cast<uint32_t>(2.0f * v * 16384.0f + 1.0f) >> 1; }
 
 }  // namespace
@@ -121,8 +121,14 @@ MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) 
   return HSEG_OK;
 }
 
+bool fixed_point_serves(const OffscreenImage &src, const OffscreenImage &dst, bool half) {
+  const int64_t sw = src.width, sh = src.height, dw = dst.width, dh = dst.height;
+  if (sw > 32 * dw || sh > 32 * dh) return false;
+  return !half || (sw >= 2 * dw && sh >= 2 * dh);
+}
+
 MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
-                        bool half, Dispatch dispatch) {
+                        bool half, Dispatch fixed_point, Dispatch exact) {
   MRESULT s = check_descriptors(src, dst);
   if (s != HSEG_OK) return s;
   if (src->width < dst->width || src->height < dst->height) return HSEG_OK;  // only shrinks
@@ -131,6 +137,11 @@ MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenI
   void *block = MMemAlloc(mem, bytes);
   if (block == nullptr) return HSEG_ERR_NO_MEMORY;
   const WorkBlock work = split_work_block(block, dst->width);
+  if (!fixed_point_serves(*src, *dst, half)) {
+    s = exact(*src, *dst, work, 0);
+    MMemFree(mem, block);
+    return s;
+  }
 
   // Source channel step; on the half grid a column is a 2x2 block, twice as
   // wide, and the table addresses its left column.
@@ -148,7 +159,7 @@ MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenI
   }
   int32_t entries = 0;
   s = build_column_table(g, dst->width, work.table, &entries);
-  if (s == HSEG_OK) s = dispatch(*src, *dst, work, entries);
+  if (s == HSEG_OK) s = fixed_point(*src, *dst, work, entries);
   MMemFree(mem, block);
   return s;
 }

@@ -96,16 +96,24 @@ struct WorkerCall {
 MRESULT check_worker(const WorkerCall &c, int32_t expected_src_step, const void *acc0,
                      const void *acc1, int64_t src_end);
 
-// The worker call of an entry point, once the table is built.
+// The worker call of an entry point: the fixed-point walk once the table is
+// built, or the double-precision mean (which ignores `entries`).
 using Dispatch = MRESULT (*)(const OffscreenImage &src, const OffscreenImage &dst,
                              const WorkBlock &work, int32_t entries);
 
+// Whether the fixed-point walk serves this geometry: a destination pixel
+// spans at most 32 source pixels in each direction (up to there the rounded
+// 14-bit weight of a source pixel, 16384 / footprint area, is at least 16)
+// and, on the half grid, at least 2 (one grid sample).
+bool fixed_point_serves(const OffscreenImage &src, const OffscreenImage &dst, bool half);
+
 // Runs an entry point: checks the descriptors, returns HSEG_OK at once when
 // the destination is larger than the source, takes the work block from
-// MMemAlloc(mem, ...), builds the column table (on the half grid when
-// `half`), calls `dispatch` and returns the block.
+// MMemAlloc(mem, ...), and then either builds the column table (on the half
+// grid when `half`) and calls `fixed_point`, or calls `exact`; then returns
+// the block.
 MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
-                        bool half, Dispatch dispatch);
+                        bool half, Dispatch fixed_point, Dispatch exact);
 
 // LumResizeToBGR and LumResizeToBGR_SP with every worker on the plain walk:
 // the reference for the fused one.

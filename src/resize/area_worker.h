@@ -12,6 +12,7 @@
 
 #include <type_traits>
 
+#include "resize/area_exact.h"
 #include "resize/area_table.h"
 #include "resize/area_walk.h"
 
@@ -125,28 +126,65 @@ MRESULT run_worker(const OffscreenImage &a, const OffscreenImage &b, const WorkB
                                   reinterpret_cast<Acc *>(w.carry));
 }
 
-// Picks the reader of `Grid` (member types Bgr, Yuy2, Nv21, I420) for the
-// source format; check_descriptors lets no other format through.
-template <Walk kWalk, typename Grid>
-MRESULT dispatch(const OffscreenImage &a, const OffscreenImage &b, const WorkBlock &w,
-                 int32_t entries) {
-  switch (a.format) {
+// Calls run(Tag<Reader>{}) with the reader of `Grid` (member types Bgr,
+// Yuy2, Nv21, I420) for the source format; check_descriptors lets no other
+// format through.
+template <typename T>
+struct Tag {
+  using type = T;
+};
+template <typename Grid, typename Run>
+MRESULT with_reader(uint32_t format, const Run &run) {
+  switch (format) {
     case HSEG_PIXFMT_BGR24:
-      return run_worker<kWalk, typename Grid::Bgr>(a, b, w, entries);
+      return run(Tag<typename Grid::Bgr>{});
     case HSEG_PIXFMT_YUY2:
-      return run_worker<kWalk, typename Grid::Yuy2>(a, b, w, entries);
+      return run(Tag<typename Grid::Yuy2>{});
     case HSEG_PIXFMT_NV21:
-      return run_worker<kWalk, typename Grid::Nv21>(a, b, w, entries);
+      return run(Tag<typename Grid::Nv21>{});
     default:
-      return run_worker<kWalk, typename Grid::I420>(a, b, w, entries);
+      return run(Tag<typename Grid::I420>{});
   }
 }
 
-// An entry point: the resize on `Grid` (kHalf true for the half grid) with
-// every worker on the walk kWalk.
+template <Walk kWalk, typename Grid>
+MRESULT dispatch(const OffscreenImage &a, const OffscreenImage &b, const WorkBlock &w,
+                 int32_t entries) {
+  return with_reader<Grid>(a.format, [&](auto tag) {
+    return run_worker<kWalk, typename decltype(tag)::type>(a, b, w, entries);
+  });
+}
+
+// The double-precision mean of `Grid` (area_exact.h) over the work block:
+// the two accumulators hold its row and sum arrays, the table's space the
+// column spans (24 bytes for each destination column, and the destination is
+// never wider than the source).
+template <typename Grid>
+MRESULT dispatch_exact(const OffscreenImage &a, const OffscreenImage &b, const WorkBlock &w,
+                       int32_t) {
+  const double x_extent = Grid::kHalf ? 0.5 * a.width : a.width;
+  const int32_t columns = Grid::kHalf ? (a.width + 1) / 2 : a.width;
+  const ExactShape shape{Grid::kHalf ? (a.height + 1) / 2 : a.height,
+                         Grid::kHalf ? 0.5 * a.height : a.height};
+  auto *spans = reinterpret_cast<ColumnSpan *>(w.table);
+  build_spans(x_extent, columns, b.width, spans);
+  const Dest d{b.planes[0], b.pitches[0], b.width, b.height};
+  return with_reader<Grid>(a.format, [&](auto tag) {
+    using Rows = typename decltype(tag)::type;
+    using Store = std::conditional_t<Rows::kFormat == HSEG_PIXFMT_BGR24, StoreBgr, StoreYuv>;
+    Rows rows(planes_of(a), a.width, a.height);
+    exact_walk(rows, spans, x_extent, shape, Store(), d, reinterpret_cast<double *>(w.row),
+               reinterpret_cast<double *>(w.carry));
+    return HSEG_OK;
+  });
+}
+
+// An entry point: the resize on `Grid` (kHalf true for the half grid), with
+// every fixed-point worker on the walk kWalk.
 template <Walk kWalk, typename Grid>
 MRESULT resize_on(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
-  return run_area_resize(mem, src, dst, Grid::kHalf, dispatch<kWalk, Grid>);
+  return run_area_resize(mem, src, dst, Grid::kHalf, dispatch<kWalk, Grid>,
+                         dispatch_exact<Grid>);
 }
 
 }  // namespace area
