@@ -7,6 +7,7 @@ HSEG_SEGMENT_TOOL and HSEG_EXAMPLES_DIR set. Six network passes in all: two
 by the tool, four by the module.
 """
 import array
+import itertools
 import math
 import os
 import subprocess
@@ -30,45 +31,14 @@ def image_view(a):
     return _images.image_view(a, "image", _segment._BGR, "BGR")
 
 
-def planes(img):
-    """The planes the blur library blurs apart, as (view, horizontal
-    subsampling): a grey image, each BGR channel, or YUY2's Y, U and V."""
-    if img.ndim == 2:
-        return [(img, 1)]
-    if img.shape[2] == 3:
-        return [(img[..., c], 1) for c in range(3)]
-    return [(img[..., 0], 1), (img[:, 0::2, 1], 2), (img[:, 1::2, 1], 2)]
-
-
-def reference(img, plane_filter):
-    out = np.empty(img.shape, np.float64)
-    for (p, sub), (o, _) in zip(planes(img), planes(out)):
-        o[...] = plane_filter(p, sub)
-    return out
-
-
-def box_plane(p, rx, ry):
-    """Exact (2rx+1) x (2ry+1) window means, edges replicated, rounded to
-    nearest (the window count is odd: no ties)."""
-    h, w = p.shape
-    c = np.pad(np.pad(p.astype(np.int64), ((ry, ry), (rx, rx)), mode="edge").cumsum(0).cumsum(1),
-               ((1, 0), (1, 0)))
-    y, x = 2 * ry + 1, 2 * rx + 1
-    s = c[y:y + h, x:x + w] - c[:h, x:x + w] - c[y:y + h, :w] + c[:h, :w]
-    n = x * y
-    return (s + n // 2) // n
-
-
-def gauss_plane(p, sx, sy):
-    """A Gaussian in double precision, edges replicated, kernels to 4 sigma."""
-    f = p.astype(np.float64)
-    for axis, s in ((1, sx), (0, sy)):
-        k = math.ceil(4 * s)
-        w = np.exp(-np.arange(-k, k + 1) ** 2 / (2 * s * s))
-        padded = np.pad(f, [(k, k) if a == axis else (0, 0) for a in (0, 1)], mode="edge")
-        n = f.shape[axis]
-        f = sum(wi * padded.take(range(i, i + n), axis=axis) for i, wi in enumerate(w / w.sum()))
-    return f
+def box_reference(img, r):
+    """Exact (2r+1) squared window means of each channel, edges replicated,
+    rounded to nearest (the count is odd: no ties)."""
+    if img.ndim == 3:
+        return np.dstack([box_reference(img[..., c], r) for c in range(img.shape[2])])
+    (h, w), n = img.shape, 2 * r + 1
+    c = np.pad(np.pad(img.astype(np.int64), r, mode="edge"), ((1, 0), (1, 0))).cumsum(0).cumsum(1)
+    return (c[n:, n:] - c[:h, n:] - c[n:, :w] + c[:h, :w] + n * n // 2) // (n * n)
 
 
 def padded(shape, dtype, fill):
@@ -87,7 +57,7 @@ def erode(region, r):
 class BadInput(unittest.TestCase):
     def test_raises_before_the_library_is_called(self):
         img = np.zeros((8, 8, 3), np.uint8)
-        mask, grey, shared = (np.zeros(s, np.uint8) for s in [(8, 8), (9, 8), (9, 8, 3)])
+        mask, shared = np.zeros((8, 8), np.uint8), np.zeros((9, 8, 3), np.uint8)
         nv21 = bytes(27)  # 5x3: 15 bytes of Y, 2 rows of 3 V,U pairs
         cases = [
             ("float picture", lambda: hseg.segment(img.astype(np.float32)), TypeError),
@@ -111,46 +81,28 @@ class BadInput(unittest.TestCase):
              TypeError),
             ("16-bit buffer", lambda: hseg.segment_yuv(array.array("H", nv21 + b"\0"), "nv21", 5, 3),
              TypeError),
-            # Blurs.
-            ("float blur", lambda: hseg.blur(img.astype(np.float32), 1), TypeError),
-            ("four-channel blur", lambda: hseg.box_blur(np.zeros((8, 8, 4), np.uint8), 1),
-             ValueError),
+            # Blurs and effects; the effects get a mask, so a missed check costs no
+            # network pass.
             ("odd yuy2 array", lambda: hseg.blur(np.zeros((4, 5, 2), np.uint8), 1), ValueError),
-            ("zero sigma", lambda: hseg.blur(img, 0), ValueError),
-            ("nan sigma", lambda: hseg.blur(img, math.nan), ValueError),
-            ("sigma past float", lambda: hseg.blur(img, 1e39), ValueError),
             ("sigma 0 as float", lambda: hseg.blur(img, 1e-46), ValueError),
-            ("text sigma", lambda: hseg.blur(img, "2"), TypeError),
+            ("mask before sigma", lambda: hseg.blur_background(img, mask, 2), TypeError),
             ("negative radius", lambda: hseg.box_blur(img, -1), ValueError),
-            ("float radius", lambda: hseg.box_blur(img, 1.0), TypeError),
-            ("out of uint16", lambda: hseg.blur(img, 1, out=np.zeros((8, 8, 3), np.uint16)),
-             TypeError),
+            ("uint16 out", lambda: hseg.blur(img, 1, out=img.astype(np.uint16)), TypeError),
             ("out of another shape", lambda: hseg.blur(img, 1, out=img[1:]), ValueError),
             ("read-only out", lambda: hseg.blur(img, 1, out=np.broadcast_to(img, img.shape)),
              ValueError),
-            ("out with reversed channels", lambda: hseg.blur(img, 1, out=img[:, :, ::-1]),
-             ValueError),
-            ("list out", lambda: hseg.blur(img, 1, out=img.tolist()), TypeError),
-            # Effects, all with a mask so that a missed check costs no network pass.
-            ("mask before sigma", lambda: hseg.blur_background(img, mask, 2), TypeError),
-            ("float mask", lambda: hseg.blur_background(img, 2, mask / 255), TypeError),
-            ("3-D mask", lambda: hseg.blur_background(img, 2, img), ValueError),
+            ("reversed out", lambda: hseg.blur(img, 1, out=img[:, :, ::-1]), ValueError),
             ("mask too wide", lambda: hseg.blur_background(img, 2, np.zeros((1, 65537), np.uint8)),
              ValueError),
             ("grey without a mask", lambda: hseg.blur_background(mask, 2), ValueError),
-            ("YUY2 array effect", lambda: hseg.blur_background(img[:, :, :2], 2, mask), ValueError),
             ("background of another shape",
              lambda: hseg.replace_background(img, img[:, :, 0], mask), ValueError),
-            ("out overlapping the image", lambda: hseg.blur_background(
-                shared[:8], 2, mask, out=shared[1:]), ValueError),
-            ("out over the mask", lambda: hseg.blur_background(mask, 2, grey[:8], out=grey[1:]),
-             ValueError),
+            ("out overlapping the image",
+             lambda: hseg.blur_background(shared[:8], 2, mask, out=shared[1:]), ValueError),
             ("bytes out", lambda: hseg.blur_background_yuv(nv21, "nv21", 5, 3, 2, mask, out=nv21),
              ValueError),
-            ("strided out", lambda: hseg.blur_background_yuv(
-                nv21, "nv21", 5, 3, 2, mask, out=np.zeros(54, np.uint8)[::2]), ValueError),
-            ("short background", lambda: hseg.replace_background_yuv(
-                nv21, "nv21", 5, 3, nv21[1:], mask), ValueError),
+            ("short background",
+             lambda: hseg.replace_background_yuv(nv21, "nv21", 5, 3, nv21[1:], mask), ValueError),
         ]
         for what, call, error in cases:
             with self.subTest(what), self.assertRaises(error):
@@ -194,12 +146,12 @@ class Blur(unittest.TestCase):
     def test_box_blur_is_the_exact_window_mean_written_in_place(self):
         rng = np.random.default_rng(15)
         cases = [((1, 1), np.uint8, 3), ((5, 7, 3), np.uint8, 2), ((6, 9), np.uint16, 4),
-                 ((3, 4, 2), np.uint8, 9), ((17, 33), np.uint8, 40), ((4, 6, 2), np.uint8, 0)]
+                 ((3, 4, 3), np.uint8, 9), ((17, 33), np.uint8, 40), ((4, 6), np.uint8, 0)]
         for shape, dtype, r in cases:
             with self.subTest(shape=shape, dtype=dtype, radius=r):
                 _, img = padded(shape, dtype, 0)
                 img[...] = rng.integers(0, np.iinfo(dtype).max, shape, endpoint=True)
-                want = reference(img, lambda p, sub: box_plane(p, r // sub, r))
+                want = box_reference(img, r)
                 outer, out = padded(shape, dtype, 77)
                 self.assertIs(hseg.box_blur(img, r, out=out), out)
                 np.testing.assert_array_equal(out, want)
@@ -207,18 +159,12 @@ class Blur(unittest.TestCase):
                 self.assertTrue((outer == 77).all(), "written outside out")
                 np.testing.assert_array_equal(hseg.box_blur(img, r, out=img), want)
 
-    def test_gaussian_is_close_to_an_exact_one(self):
-        photo = np.asarray(Image.open(PHOTO).convert("RGB"))
-        chroma = np.where(np.arange(photo.shape[1]) % 2, photo[..., 0], photo[..., 2])
-        for what, img, scale in [("bgr", photo, 1), ("grey", photo[..., 1], 1),
-                                 ("grey16", photo[..., 1].astype(np.uint16) * 257, 257),
-                                 ("yuy2", np.dstack([photo[..., 1], chroma]), 1)]:
-            for sigma in (2, 6.5):  # the YUY2 chroma at half: 1 and 3.25
-                with self.subTest(what, sigma=sigma):
-                    diff = np.abs(hseg.blur(img, sigma) - reference(
-                        img, lambda p, sub: gauss_plane(p, sigma / sub, sigma))) / scale
-                    self.assertLess(diff.mean(), 1.3)
-                    self.assertLess(np.percentile(diff, 99.9), 16)
+    def test_gaussian_spreads_an_impulse_by_sigma(self):
+        x = np.arange(-200, 201)
+        for sigma in (6.5, 12):
+            spread = hseg.blur(np.where(x == 0, 65535, 0).astype(np.uint16)[None], sigma)[0]
+            self.assertAlmostEqual(math.sqrt((spread * x * x).sum() / spread.sum()), sigma,
+                                   delta=0.03 * sigma)
 
 
 class Effects(unittest.TestCase):
@@ -227,31 +173,19 @@ class Effects(unittest.TestCase):
     def random(self, shape):
         return self.rng.integers(0, 256, shape, np.uint8)
 
-    def test_a_person_everywhere_keeps_the_picture_and_nobody_shows_the_background(self):
+    def test_pictures_keep_the_person_and_show_the_background_around(self):
         for shape in [(37, 50, 3), (37, 50)]:
             image, background = self.random(shape), self.random(shape)
             blurred = hseg.blur(image, 3)
-            for mask_shape in [(1, 1), (37, 50), (9, 500)]:
-                person, nobody = (np.full(mask_shape, v, np.uint8) for v in (255, 0))
-                for mask, blur_want, replace_want in [(person, image, image),
-                                                      (nobody, blurred, background)]:
-                    with self.subTest(shape=shape, mask=mask_shape, value=mask[0, 0]):
-                        np.testing.assert_array_equal(
-                            hseg.blur_background(image, 3, mask), blur_want)
-                        np.testing.assert_array_equal(
-                            hseg.replace_background(image, background, mask), replace_want)
-
-    def test_out_is_written_in_place_and_nothing_around_it(self):
-        _, image = padded((20, 30, 3), np.uint8, 0)
-        image[...], mask = self.random(image.shape), self.random((20, 30))
-        want = hseg.blur_background(image, 2, mask)
-        outer, out = padded(image.shape, np.uint8, 77)
-        hseg.blur_background(image, 2, mask, out=out)
-        np.testing.assert_array_equal(out, want)
-        out[...] = 77
-        self.assertTrue((outer == 77).all(), "written outside out")
-        self.assertIs(hseg.blur_background(image, 2, mask, out=image), image)
-        np.testing.assert_array_equal(image, want)
+            for mask_shape, person in itertools.product([(1, 1), (37, 50), (9, 500)], (1, 0)):
+                mask = np.full(mask_shape, 255 * person, np.uint8)
+                with self.subTest(shape=shape, mask=mask_shape, person=person):
+                    np.testing.assert_array_equal(hseg.blur_background(image, 3, mask),
+                                                  image if person else blurred)
+                    np.testing.assert_array_equal(hseg.replace_background(image, background, mask),
+                                                  image if person else background)
+            self.assertIs(hseg.blur_background(image, 3, mask, out=image), image)  # mask: all 0
+            np.testing.assert_array_equal(image, blurred)
 
     def test_camera_frames_keep_their_format(self):
         w, h = 10, 7
@@ -262,10 +196,8 @@ class Effects(unittest.TestCase):
             with self.subTest(fmt=hex(fmt)):
                 np.testing.assert_array_equal(
                     hseg.blur_background_yuv(frame.tobytes(), fmt, w, h, 2, person), frame)
-                np.testing.assert_array_equal(
-                    hseg.replace_background_yuv(frame, fmt, w, h, background, nobody), background)
                 in_place = bytearray(frame.tobytes())
-                self.assertIs(hseg.replace_background_yuv(in_place, fmt, w, h, background.tobytes(),
+                self.assertIs(hseg.replace_background_yuv(in_place, fmt, w, h, background,
                                                           nobody, out=in_place), in_place)
                 self.assertEqual(bytes(in_place), background.tobytes())
         yuy2 = self.random((h, w, 2))

@@ -43,7 +43,10 @@ def sigma_arg(value):
     and above 0 once rounded to single precision."""
     if isinstance(value, bool) or not isinstance(value, numbers.Real):
         raise TypeError(f"sigma must be a number, not {type(value).__name__}")
-    sigma = ctypes.c_float(value).value
+    try:
+        sigma = ctypes.c_float(float(value)).value
+    except OverflowError:  # an integer beyond any float
+        sigma = math.inf
     if not (math.isfinite(sigma) and sigma > 0):
         raise ValueError(f"sigma must be finite and above 0 in single precision, not {value!r}")
     return sigma
