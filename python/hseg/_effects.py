@@ -131,9 +131,9 @@ def blur_background_yuv(frame, fmt, width, height, sigma, mask=None, *, fast=Fal
     """Blurs the background of a camera frame, in the frame's own format.
 
     frame, fmt, width, height: a YUY2, I420 or NV21 frame, as for
-           segment_yuv(). Every plane is mixed in place of the format; U and
-           V are blurred at their own resolution (sigma / 2 along a halved
-           axis).
+           segment_yuv(). Every plane is composited as it lies, with no
+           conversion through BGR; U and V are blurred at their own
+           resolution (sigma / 2 along a halved axis).
     sigma, mask, fast: as for blur_background().
     out:   a writable bytes-like object (bytearray, a uint8 array, an mmap)
            of the frame's length to write to, with contiguous bytes, the
