@@ -1,5 +1,5 @@
 # ---- python module ----
-# The module on the build's library, against the tool. Five network passes
+# The module on the build's library, against the tool. Six network passes
 # (seconds each). Left out of sanitizer builds: an instrumented library does
 # not load into a plain interpreter.
 if(HSEG_PYTHON AND NOT HSEG_SANITIZE AND TARGET hseg-segment)

@@ -20,6 +20,7 @@ PIXFMT_YUY2 = 0x501
 PIXFMT_I420 = 0x601
 PIXFMT_NV21 = 0x802
 PIXFMT_GRAY = 0x701
+PIXFMT_GRAY16 = 0x702  # 16-bit unsigned samples in native byte order
 
 NETWORK_EXACT = 0
 NETWORK_FAST = 1
@@ -109,9 +110,20 @@ except OSError as e:
 
 _image_p = ctypes.POINTER(OffscreenImage)
 _int32 = ctypes.c_int32
+_void_p = ctypes.c_void_p
 
-lib.HsegEx.argtypes = [ctypes.c_void_p, _image_p, _image_p, ctypes.POINTER(HsegOptions)]
-lib.HsegEx.restype = ctypes.c_uint32
-lib.zevImageResize_BL.argtypes = [ctypes.c_void_p, _image_p, ctypes.c_void_p,
-                                  _int32, _int32, _int32, _int32]
-lib.zevImageResize_BL.restype = ctypes.c_uint32
+
+def _declare(name, *argtypes):
+    """Gives a library function its argument types; every one returns a
+    status."""
+    function = getattr(lib, name)
+    function.argtypes = list(argtypes)
+    function.restype = ctypes.c_uint32
+
+
+_declare("HsegEx", _void_p, _image_p, _image_p, ctypes.POINTER(HsegOptions))
+_declare("zevImageResize_BL", _void_p, _image_p, _void_p, _int32, _int32, _int32, _int32)
+_declare("GB_BoxBlur", _void_p, _image_p, _image_p, _int32)
+_declare("GB_GaussianBlur", _void_p, _image_p, _image_p, ctypes.c_float)
+_declare("HsegBlurBackground", _void_p, _image_p, _image_p, ctypes.c_float, _image_p)
+_declare("HsegReplaceBackground", _void_p, _image_p, _image_p, _image_p, _image_p)

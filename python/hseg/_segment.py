@@ -7,7 +7,7 @@ from . import _native
 from ._images import descriptor, image_view, size_arg, yuv_view
 
 # The network sees a 473x473 image made by an area resize, which only shrinks.
-_NET_SIDE = 473
+NET_SIDE = 473
 
 _BGR = {(np.dtype(np.uint8), 3): _native.PIXFMT_BGR24}
 
@@ -22,16 +22,16 @@ def _mask_shape(mask_size, default):
     return size_arg(height, "mask height"), size_arg(width, "mask width")
 
 
-def _run(src, mask_size, fast):
+def mask_of(src, mask_size, fast):
     """Segments the image that `src` describes; the caller keeps its pixels
     alive."""
     mask = np.empty(_mask_shape(mask_size, (src.height, src.width)), np.uint8)
     options = _native.HsegOptions(ctypes.sizeof(_native.HsegOptions),
                                   _native.NETWORK_FAST if fast else _native.NETWORK_EXACT)
-    if src.width < _NET_SIDE or src.height < _NET_SIDE:
+    if src.width < NET_SIDE or src.height < NET_SIDE:
         # Enlarged first (bilinear, to BGR) so that no side is below 473:
         # otherwise the network would see a black image.
-        w, h = max(src.width, _NET_SIDE), max(src.height, _NET_SIDE)
+        w, h = max(src.width, NET_SIDE), max(src.height, NET_SIDE)
         bigger = np.empty((h, w, 3), np.uint8)
         _native.check(_native.lib.zevImageResize_BL(None, ctypes.byref(src), bigger.ctypes.data,
                                                     w, h, 3 * w, 1), "enlarging the image")
@@ -65,7 +65,7 @@ def segment(image, mask_size=None, fast=False):
     # `pixels` holds what src points into (the image or its packed copy) and
     # stays alive until the library is done with it.
     src, pixels = image_view(image, "image", _BGR, "an H x W x 3 uint8 array (BGR)")
-    return _run(src, mask_size, fast)
+    return mask_of(src, mask_size, fast)
 
 
 def segment_yuv(frame, fmt, width, height, mask_size=None, fast=False):
@@ -90,4 +90,4 @@ def segment_yuv(frame, fmt, width, height, mask_size=None, fast=False):
     works.
     """
     src, data = yuv_view(frame, fmt, width, height)  # data: as `pixels` in segment()
-    return _run(src, mask_size, fast)
+    return mask_of(src, mask_size, fast)
