@@ -58,7 +58,7 @@ TEST(Bmp, WriteThenReadIsIdenticalAtOddWidths) {
   const std::string path = temp_path("round.bmp");
   for (int c : {1, 3, 4})
     for (int w : {1, 5, 7, 13}) {
-      GuardedImage img(w, 3, c, 8, 2);
+      GuardedRecord img(w, 3, c, 8, 2);
       fill_random(img.get(), rng);
       ASSERT_EQ(SaveBmp(path.c_str(), img.get()), HSEG_OK);
       const Bytes file = read_file(path);
@@ -191,7 +191,7 @@ TEST(Bmp, EveryFailedAllocationGivesFourWithoutLeaks) {
 }
 
 TEST(Bmp, FailedWritesLeaveNothingBehind) {
-  GuardedImage img(3, 2, 3), two(3, 2, 2);
+  GuardedRecord img(3, 2, 3), two(3, 2, 2);
   const std::string dir = temp_path("dir");
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
   // No such directory; a target that is a directory (the rename fails).

@@ -10,12 +10,12 @@ namespace {
 using namespace hseg_test;
 using Rows = std::vector<std::vector<int>>;
 
-MRESULT fill_poly(const GuardedImage &m, std::vector<ImgPoint> pts, uint8_t value = 255) {
+MRESULT fill_poly(const GuardedRecord &m, std::vector<ImgPoint> pts, uint8_t value = 255) {
   return img_fill_poly(nullptr, m.get(), pts.data(), int32_t(pts.size()), value);
 }
 
 TEST(Masks, LogicTreatsAnyNonZeroAsSet) {
-  GuardedImage a(4, 1), b(4, 1), out(4, 1);
+  GuardedRecord a(4, 1), b(4, 1), out(4, 1);
   set_rows(a.get(), {{0, 0, 7, 200}});
   set_rows(b.get(), {{0, 3, 0, 9}});
   const struct {
@@ -30,7 +30,7 @@ TEST(Masks, LogicTreatsAnyNonZeroAsSet) {
   }
   ASSERT_EQ(img_mask_not(a.get(), a.get()), HSEG_OK);  // in place
   EXPECT_EQ(get_rows(a.get()), (Rows{{255, 255, 0, 0}}));
-  GuardedImage other(3, 1);
+  GuardedRecord other(3, 1);
   EXPECT_EQ(img_mask_and(a.get(), other.get(), out.get()), HSEG_ERR_BAD_ARGUMENT);
 }
 
@@ -39,7 +39,7 @@ TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
                            {6, 5, 10, 10}, {4, 4, 1, 1}, {3, 2, 0, 3}};
   for (const ImgRect &r : rects) {
     SCOPED_TRACE(testing::Message() << r.x << "," << r.y << " " << r.width << "x" << r.height);
-    GuardedImage by_rect(9, 7, 1, 8, 0, 0), by_poly(9, 7, 1, 8, 2, 0);
+    GuardedRecord by_rect(9, 7, 1, 8, 0, 0), by_poly(9, 7, 1, 8, 2, 0);
     ASSERT_EQ(img_fill_rect(by_rect.get(), r, 9), HSEG_OK);
     ASSERT_EQ(fill_poly(by_poly,
                         {{r.x, r.y},
@@ -54,7 +54,7 @@ TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
 
 TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
   // A square with a square hole, drawn as one path whose bridge edges cancel.
-  GuardedImage ring(10, 10, 1, 8, 0, 0);
+  GuardedRecord ring(10, 10, 1, 8, 0, 0);
   ASSERT_EQ(
       fill_poly(ring,
                 {{1, 1}, {9, 1}, {9, 9}, {1, 9}, {1, 1}, {3, 3}, {3, 7}, {7, 7}, {7, 3}, {3, 3}}),
@@ -67,7 +67,7 @@ TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
     }
   // A diagonal through pixel centres: the centre on the left edge is in,
   // the one on the right edge out, so two triangles that share it tile.
-  GuardedImage tri(4, 4, 1, 8, 0, 0);
+  GuardedRecord tri(4, 4, 1, 8, 0, 0);
   ASSERT_EQ(fill_poly(tri, {{0, 0}, {4, 4}, {0, 4}}, 1), HSEG_OK);
   ASSERT_EQ(fill_poly(tri, {{0, 0}, {4, 0}, {4, 4}}, 2), HSEG_OK);
   EXPECT_EQ(get_rows(tri.get()), (Rows{{2, 2, 2, 2}, {1, 2, 2, 2}, {1, 1, 2, 2}, {1, 1, 1, 2}}));
@@ -92,7 +92,7 @@ TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
 TEST(Masks, BitmapRoundTripMostSignificantBitFirst) {
   std::mt19937 rng(7);
   for (int w : {1, 7, 8, 9, 30}) {
-    GuardedImage mask(w, 3), back(w, 3, 1, 8, 1);
+    GuardedRecord mask(w, 3), back(w, 3, 1, 8, 1);
     fill_random(mask.get(), rng);
     for (int x = 0; x < w; ++x) *mask.at(x, 1) = x == 0 ? 17 : 0;  // one bit: the first
     const int pitch = (w + 7) / 8 + 1;

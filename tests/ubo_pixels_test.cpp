@@ -13,19 +13,19 @@ using namespace hseg_test;
 
 TEST(Pixels, GreyKeepsGreyAndFollowsBt601) {
   // Grey stays grey with both weight sets, from BGR and BGRA (alpha unread).
-  GuardedImage ramp(256, 1, 3), ramp4(256, 1, 4), grey(256, 1);
+  GuardedRecord ramp(256, 1, 3), ramp4(256, 1, 4), grey(256, 1);
   for (int v = 0; v < 256; ++v) {
     std::memset(ramp.at(v, 0), v, 3);
     std::memset(ramp4.at(v, 0), v, 3);
     ramp4.at(v, 0)[3] = uint8_t(~v);
   }
   for (int weights : {HSEG_GRAY_BGR128, HSEG_GRAY_BT601})
-    for (const GuardedImage *src : {&ramp, &ramp4}) {
+    for (const GuardedRecord *src : {&ramp, &ramp4}) {
       ASSERT_EQ(img_bgr2gray(src->get(), grey.get(), weights), HSEG_OK);
       for (int v = 0; v < 256; ++v) ASSERT_EQ(*grey.at(v, 0), v) << weights;
     }
   std::mt19937 rng(3);
-  GuardedImage bgr(61, 7, 3, 8, 2), out(61, 7, 1, 8, 1);
+  GuardedRecord bgr(61, 7, 3, 8, 2), out(61, 7, 1, 8, 1);
   fill_random(bgr.get(), rng);
   ASSERT_EQ(img_bgr2gray(bgr.get(), out.get(), HSEG_GRAY_BT601), HSEG_OK);
   for (int y = 0; y < 7; ++y)
@@ -41,7 +41,7 @@ TEST(Pixels, GreyKeepsGreyAndFollowsBt601) {
 TEST(Pixels, Int32RoundTripAndSaturation) {
   const int32_t in[] = {INT32_MIN, -1, 0, 7, 255, 256, INT32_MAX};
   const std::vector<uint8_t> want = {0, 0, 0, 7, 255, 255, 255};
-  GuardedImage s(7, 1, 1, 32), d(7, 1), back(7, 1, 1, 32);
+  GuardedRecord s(7, 1, 1, 32), d(7, 1), back(7, 1, 1, 32);
   std::memcpy(s.at<int32_t>(0, 0), in, sizeof in);
   ASSERT_EQ(img_s32_to_u8(s.get(), d.get()), HSEG_OK);
   EXPECT_EQ(row_bytes(d.get(), 0), want);
@@ -52,7 +52,7 @@ TEST(Pixels, Int32RoundTripAndSaturation) {
 
 TEST(Pixels, NormalisationHitsItsTargets) {
   // 1, 3, 5, 7: min-max to [-1, 3]; mean 4 and population deviation sqrt(5).
-  GuardedImage src(2, 2), out(2, 2, 1, 32), flat(3, 2, 1, 8, 0, 77), f(3, 2, 1, 32);
+  GuardedRecord src(2, 2), out(2, 2, 1, 32), flat(3, 2, 1, 8, 0, 77), f(3, 2, 1, 32);
   set_rows(src.get(), {{1, 3}, {5, 7}});
   ASSERT_EQ(img_normalize_minmax(src.get(), out.get(), -1.0f, 3.0f), HSEG_OK);
   const float minmax[] = {-1.0f, 1.0f / 3, 5.0f / 3, 3.0f};

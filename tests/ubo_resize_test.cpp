@@ -11,7 +11,7 @@ namespace {
 using namespace hseg_test;
 
 TEST(Resize2, MeansOfBlocksClippedAtOddEdges) {
-  GuardedImage src(3, 3);
+  GuardedRecord src(3, 3);
   set_rows(src.get(), {{0, 1, 9}, {2, 2, 8}, {5, 6, 255}});
   Image *out = nullptr;
   ASSERT_EQ(resize2(nullptr, src.get(), &out), HSEG_OK);
@@ -19,7 +19,7 @@ TEST(Resize2, MeansOfBlocksClippedAtOddEdges) {
   EXPECT_EQ(get_rows(out), (std::vector<std::vector<int>>{{1, 9}, {6, 255}}));
   release_img(nullptr, &out);
 
-  GuardedImage rgb(5, 1, 3);  // an odd width clips the last block in any channel
+  GuardedRecord rgb(5, 1, 3);  // an odd width clips the last block in any channel
   set_rows(rgb.get(), {{0, 0, 0, 1, 2, 3, 10, 20, 30, 11, 20, 30, 7, 8, 9}});
   ASSERT_EQ(resize2(nullptr, rgb.get(), &out), HSEG_OK);
   EXPECT_EQ(get_rows(out), (std::vector<std::vector<int>>{{1, 1, 2, 11, 20, 30, 7, 8, 9}}));
@@ -28,7 +28,7 @@ TEST(Resize2, MeansOfBlocksClippedAtOddEdges) {
 
 TEST(Resize, BilinearAndBicubicGoThroughTheResizersAndCopyEqualSizes) {
   std::mt19937 rng(9);
-  GuardedImage src(23, 17, 1, 8, 3), a(40, 9), b(40, 9, 1, 8, 1), same(23, 17);
+  GuardedRecord src(23, 17, 1, 8, 3), a(40, 9), b(40, 9, 1, 8, 1), same(23, 17);
   fill_random(src.get(), rng);
   ASSERT_EQ(resize_C1(nullptr, src.get(), a.get()), HSEG_OK);
   ASSERT_EQ(zevImageResize_BL_C1(nullptr, src->data, 23, 17, int32_t(src->pitch), b->data, 40, 9,
@@ -46,18 +46,18 @@ TEST(Resize, BilinearAndBicubicGoThroughTheResizersAndCopyEqualSizes) {
   EXPECT_TRUE(same_pixels(a.get(), b.get()));
 
   for (auto fn : {resize_C1, resize_Cubic1}) {
-    GuardedImage copy(23, 17);
+    GuardedRecord copy(23, 17);
     ASSERT_EQ(fn(nullptr, src.get(), copy.get()), HSEG_OK);
     EXPECT_TRUE(same_pixels(copy.get(), src.get()));
   }
-  GuardedImage tiny(4, 9), rgb(40, 9, 3);
+  GuardedRecord tiny(4, 9), rgb(40, 9, 3);
   EXPECT_EQ(resize_Cubic1(nullptr, src.get(), tiny.get()), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(resize_C1(nullptr, src.get(), rgb.get()), HSEG_ERR_FORMAT);
 }
 
 TEST(Resize, EveryFailedAllocationGivesFourWithoutLeaks) {
   std::mt19937 rng(10);
-  GuardedImage src(31, 12), dst(17, 40);
+  GuardedRecord src(31, 12), dst(17, 40);
   fill_random(src.get(), rng);
   const int64_t live = alloc_live();
   Image *out = nullptr;

@@ -16,7 +16,7 @@ TEST(Sobel, MatchesTheKernelsOnAReflectedBorder) {
   for (const auto &s : sizes) {
     const int w = s[0], h = s[1];
     SCOPED_TRACE(testing::Message() << w << "x" << h);
-    GuardedImage src(w, h, 1, 8, 1), pad(w + 2, h + 2), gx(w, h, 1, 16), gy(w, h, 1, 16, 2),
+    GuardedRecord src(w, h, 1, 8, 1), pad(w + 2, h + 2), gx(w, h, 1, 16), gy(w, h, 1, 16, 2),
         l1(w, h, 1, 16), l2(w, h, 1, 16);
     fill_random(src.get(), rng);
     ASSERT_EQ(img_pad_reflect(src.get(), pad.get(), 1, 1, 1, 1), HSEG_OK);
@@ -39,7 +39,7 @@ TEST(Sobel, MatchesTheKernelsOnAReflectedBorder) {
 
 TEST(Sobel, ExtremesAndArguments) {
   // A 0 | 255 step: gx is 4 * 255 on both sides of it, the largest value.
-  GuardedImage step(4, 3), g(4, 3, 1, 16), mag(4, 3, 1, 16);
+  GuardedRecord step(4, 3), g(4, 3, 1, 16), mag(4, 3, 1, 16);
   set_rows(step.get(), {{0, 0, 255, 255}, {0, 0, 255, 255}, {0, 0, 255, 255}});
   ASSERT_EQ(img_sobel(step.get(), g.get(), 1, 0), HSEG_OK);
   EXPECT_EQ(*g.at<int16_t>(1, 1), 1020);

@@ -13,16 +13,16 @@
 
 namespace hseg_test {
 
-// An image of w x h pixels of `channels` samples of `depth` bits over a
+// An Image record of w x h pixels of `channels` samples of `depth` bits over a
 // guarded buffer, rows `pad` bytes longer than their samples, filled with
 // `fill`.
-class GuardedImage {
+class GuardedRecord {
  public:
-  GuardedImage(int w, int h, int channels = 1, int depth = 8, int pad = 0, uint8_t fill = 0xA5)
+  GuardedRecord(int w, int h, int channels = 1, int depth = 8, int pad = 0, uint8_t fill = 0xA5)
       : pitch_(w * channels * depth / 8 + pad),
         buf_(size_t(pitch_) * (h - 1) + w * channels * depth / 8, GuardedBuffer::kGuardAfter, fill),
         img_(createimg_pesudo(nullptr, buf_.data(), w, h, depth, channels, pitch_)) {}
-  ~GuardedImage() { release_img_pesudo(nullptr, &img_); }
+  ~GuardedRecord() { release_img_pesudo(nullptr, &img_); }
   Image *get() const { return img_; }
   Image *operator->() const { return img_; }
   template <typename T = uint8_t>
