@@ -26,8 +26,10 @@ add_executable(hseg-weights
   tools/hseg_weights.cpp
   tools/hseg_weights_io.cpp
   tools/hseg_weights_synth.cpp
+  src/pipeline/net_arena.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_kernels.cpp
+  src/pipeline/net_pool.cpp
   src/pipeline/network.cpp)
 target_include_directories(hseg-weights PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/include
   ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_CURRENT_SOURCE_DIR}/tools ${OpenBLAS_INCLUDE_DIRS})
