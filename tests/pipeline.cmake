@@ -6,6 +6,8 @@ hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
 target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
+# The fast network's Winograd convolution and filter cache, without passes.
+hseg_add_test(net_winograd_test LIBS hseg_pipeline SOURCES net_winograd_test.cpp)
 
 # The weights file reader on small files, and the hseg-weights program on the
 # build's weights file and data library.

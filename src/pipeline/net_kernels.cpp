@@ -8,29 +8,14 @@ namespace hseg {
 
 namespace {
 
-// Calls body(c, plane) for every input channel c in order, with the first
-// value of its size x size plane, walking the sources one after the other.
-// A resized source's plane is made in `scratch`, rows [y0, y1) only (the
-// rows output rows [row0, row1) read).
+// Calls body(plane) for every input channel in order, with its size x size
+// plane, of which rows [y0, y1) are what output rows [row0, row1) read.
 template <typename Body>
 void for_each_plane(const NetSources &in, const NetConvGeom &g, int row0, int row1, Body body) {
-  const size_t plane = static_cast<size_t>(g.size) * g.size;
   const int y0 = std::max(0, row0 * g.stride - g.pad);
   const int y1 = std::min(g.size, (row1 - 1) * g.stride - g.pad + (g.kernel - 1) * g.dilation + 1);
   float scratch[NetSources::kMaxResizedSize * NetSources::kMaxResizedSize];
-  int c = 0;
-  for (int s = 0; s < in.count; ++s) {
-    const int n = in.resized_from[s];
-    for (int k = 0; k < in.channels[s]; ++k, ++c) {
-      if (n == 0) {
-        body(c, in.data[s] + k * plane);
-      } else {
-        net_interp_rows(in.data[s] + static_cast<size_t>(k) * n * n, n, n, g.size, g.size, y0,
-                        std::max(y0, y1), scratch);
-        body(c, scratch);
-      }
-    }
-  }
+  for (int c = 0; c < g.channels; ++c) body(net_source_plane(in, c, g.size, y0, y1, scratch));
 }
 
 // Output columns [*lo, *hi) whose input column ow*stride + x0 lies in
@@ -53,7 +38,7 @@ void im2col_rows_same(const NetSources &in, const NetConvGeom &g, int row0, int 
                       float *col) {
   const int w = g.size;
   const size_t band = static_cast<size_t>(row1 - row0) * w;
-  for_each_plane(in, g, row0, row1, [&](int, const float *src_plane) {
+  for_each_plane(in, g, row0, row1, [&](const float *src_plane) {
     for (int kh = 0; kh < g.kernel; ++kh) {
       const int y0 = kh * g.dilation - g.pad;  // ih = oh + y0
       const int a = std::min(row1, std::max(row0, -y0));
@@ -119,7 +104,7 @@ void net_im2col_rows_ref(const NetSources &in, const NetConvGeom &g, int row0, i
                          float *col) {
   const int ow_n = g.out_size;
   const size_t band = static_cast<size_t>(row1 - row0) * ow_n;
-  for_each_plane(in, g, row0, row1, [&](int, const float *src_plane) {
+  for_each_plane(in, g, row0, row1, [&](const float *src_plane) {
     for (int kh = 0; kh < g.kernel; ++kh) {
       for (int kw = 0; kw < g.kernel; ++kw, col += band) {
         const int x0 = kw * g.dilation - g.pad;
@@ -158,6 +143,17 @@ void net_im2col_rows(const NetSources &in, const NetConvGeom &g, int row0, int r
     im2col_rows_same(in, g, row0, row1, col);
   else
     net_im2col_rows_ref(in, g, row0, row1, col);
+}
+
+const float *net_source_plane(const NetSources &in, int c, int size, int y0, int y1,
+                             float *scratch) {
+  int s = 0;
+  while (s + 1 < in.count && c >= in.channels[s]) c -= in.channels[s++];
+  const int n = in.resized_from[s];
+  if (n == 0) return in.data[s] + static_cast<size_t>(c) * size * size;
+  net_interp_rows(in.data[s] + static_cast<size_t>(c) * n * n, n, n, size, size, y0,
+                  std::max(y0, y1), scratch);
+  return scratch;
 }
 
 void net_interp_rows(const float *in, int in_h, int in_w, int out_h, int out_w, int y0, int y1,

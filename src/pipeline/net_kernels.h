@@ -52,6 +52,12 @@ inline NetSources net_sources_slice(const NetSources &in, int c0, int c1, int si
   return out;
 }
 
+// The size x size plane of channel c of `in`'s concatenation: a pointer into
+// its source, or for a resized source `scratch` (size * size floats) with
+// rows [y0, y1) made (the others are left as they were).
+const float *net_source_plane(const NetSources &in, int c, int size, int y0, int y1,
+                             float *scratch);
+
 // Rows [y0, y1) of ly_interp's resize of one in_h x in_w plane to
 // out_h x out_w (pads 0), written at out + y * out_w; the same arithmetic.
 void net_interp_rows(const float *in, int in_h, int in_w, int out_h, int out_w, int y0, int y1,

@@ -40,6 +40,7 @@
 #include "pipeline/net_kernels.h"
 #include "pipeline/net_layers.h"
 #include "pipeline/net_pool.h"
+#include "pipeline/net_winograd.h"
 
 namespace hseg {
 namespace {
@@ -114,8 +115,9 @@ NetBn bn_from(const NetBn &bn, int c0) {
 // the real one would and computes nothing.
 class Pass {
  public:
-  Pass(const float *const *weights, const NetHooks &hooks, NetArena *arena, bool dry)
-      : weights_(weights), hooks_(hooks), arena_(arena), dry_(dry) {
+  Pass(const float *const *weights, const NetHooks &hooks, NetArena *arena, bool dry,
+       const float *filters = nullptr)
+      : weights_(weights), hooks_(hooks), arena_(arena), dry_(dry), filters_(filters) {
     lanes_ = hooks_.threads > 0 ? hooks_.threads : net_default_lanes();
   }
   ~Pass() {
@@ -158,6 +160,7 @@ class Pass {
                Tensor *out, bool scratch = false);
   MRESULT conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out);
   MRESULT conv_banded(int layer, const Tensor *in, int inputs, Finish finish, const Tensor &out);
+  MRESULT conv_winograd(int layer, const NetSources &sources, const Tensor &out);
   void run_bands(int layer, const NetSources &sources, Finish finish, float *col,
                  float *product, const Tensor &out);
   MRESULT block(int *layer, Tensor *x);
@@ -168,6 +171,7 @@ class Pass {
   NetHooks hooks_;
   NetArena *arena_;
   bool dry_;
+  const float *filters_;  // the Winograd filters (the fast network), else null
   int lanes_;
   void *held_[kMaxHeld] = {};
   int held_count_ = 0;
@@ -295,6 +299,7 @@ MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish
     sources.channels[i] = in[i].c;
     sources.resized_from[i] = in[i].h == in[0].h ? 0 : in[i].h;  // a pyramid branch
   }
+  if (hooks_.winograd && net_winograd_layer(l)) return conv_winograd(layer, sources, out);
   const int64_t band = band_rows(l) * out.w;
   Tensor columns, product;  // a 1x1 convolution reads its input as it lies
   MRESULT st = HSEG_OK;
@@ -306,6 +311,26 @@ MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish
   if (st == HSEG_OK && !dry_) run_bands(layer, sources, finish, columns.data, product.data, out);
   drop(&product);
   drop(&columns);
+  return st;
+}
+
+// A stride-1 3x3 convolution of the fast network, batch norm and ReLU
+// (every such layer has them), by Winograd minimal filtering.
+MRESULT Pass::conv_winograd(int layer, const NetSources &sources, const Tensor &out) {
+  const NetLayer &l = kNetLayers[layer];
+  const NetWinograd w = net_winograd_plan(l.cin, l.cout, l.in_size, l.dilation);
+  Tensor v, m;
+  MRESULT st = make("winograd_v", 1, 1, static_cast<int>(w.v_floats()), &v, true);
+  if (st == HSEG_OK) st = make("winograd_m", 1, 1, static_cast<int>(w.m_floats()), &m, true);
+  if (st == HSEG_OK && !dry_) {
+    float inv_std[kMaxChannels];
+    net_bn_inv_std(weight(layer, 4), kBnEps, l.cout, inv_std);
+    const NetBn bn{weight(layer, 1), weight(layer, 2), weight(layer, 3), inv_std};
+    net_winograd_conv(w, sources, filters_ + NetFilterCache::offset(layer), &bn, out.data,
+                      v.data, m.data, lanes_);
+  }
+  drop(&m);
+  drop(&v);
   return st;
 }
 
@@ -527,10 +552,18 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   return HSEG_OK;
 }
 
-// The fast route: a dry pass sizes the arena, the arena is taken in one
-// block before anything else, the real pass runs in it.
+// The fast route: the Winograd filters (the fast network), then a dry pass
+// sizes the arena, the arena is taken in one block, and the real pass runs
+// in it. All the pass's memory is thus taken before its first GEMM.
 MRESULT run_in_arena(const uint8_t *bgr, int32_t pitch, float *scores,
                      const float *const *weights, const NetHooks &hooks) {
+  const int lanes = hooks.threads > 0 ? hooks.threads : net_default_lanes();
+  const float *filters = nullptr;
+  NetFilterCache own_filters;  // when the caller gives no cache; empty until used
+  if (hooks.winograd) {
+    filters = (hooks.filters != nullptr ? hooks.filters : &own_filters)->get(weights, lanes);
+    if (filters == nullptr) return HSEG_ERR_NO_MEMORY;
+  }
   NetArena plan;
   MRESULT st = Pass(weights, hooks, &plan, /*dry=*/true).run(bgr, pitch, scores);
   if (st != HSEG_OK) return st;
@@ -539,7 +572,7 @@ MRESULT run_in_arena(const uint8_t *bgr, int32_t pitch, float *scores,
   void *block = own ? net_arena_map(bytes) : hooks.alloc(hooks.user, bytes, "arena");
   if (block == nullptr) return HSEG_ERR_NO_MEMORY;
   NetArena arena(block, bytes);
-  st = Pass(weights, hooks, &arena, /*dry=*/false).run(bgr, pitch, scores);
+  st = Pass(weights, hooks, &arena, /*dry=*/false, filters).run(bgr, pitch, scores);
   if (own)
     net_arena_unmap(block, bytes);
   else
@@ -559,6 +592,7 @@ MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
     if (weights[i] == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   NetHooks h = hooks != nullptr ? *hooks : NetHooks{};
   if (h.conv_output != nullptr) h.plain = true;
+  if (h.plain && h.winograd) return HSEG_ERR_BAD_ARGUMENT;
   if (!h.plain) return run_in_arena(bgr, pitch, scores, weights, h);
   if (h.alloc == nullptr || h.release == nullptr) {
     h.alloc = default_alloc;

@@ -11,6 +11,8 @@
 
 namespace hseg {
 
+class NetFilterCache;
+
 inline constexpr int kNetInputSize = 473;
 inline constexpr int kNetScoreSize = 60;
 inline constexpr int kNetScoreCount = 2 * kNetScoreSize * kNetScoreSize;
@@ -49,6 +51,13 @@ struct NetHooks {
   // Threads for the work outside the matrix products; 0 for as many as
   // OpenBLAS uses. The scores do not depend on it.
   int threads = 0;
+  // The fast network: every stride-1 3x3 convolution by Winograd minimal
+  // filtering (net_winograd.h), everything else as the fast route. Not with
+  // `plain`. The filters' transforms come from `filters` when set (the
+  // process's cache net_filter_cache() for the linked weights), else from a
+  // cache made for this pass alone.
+  bool winograd = false;
+  NetFilterCache *filters = nullptr;
   // Called after every convolution that a batch norm follows, with its raw
   // output, before the batch norm reads its four arrays; the weights tool
   // sets running statistics here. Setting it selects the plain route.
@@ -63,6 +72,9 @@ const float *const *net_linked_weights();
 // holds kNetTensorCount arrays; `hooks` may be null.
 MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
                     const float *const *weights, const NetHooks *hooks);
+
+// The fast network on the linked weights, with the process's filter cache.
+MRESULT net_forward_fast(const uint8_t *bgr, int32_t pitch, float *scores);
 
 }  // namespace hseg
 

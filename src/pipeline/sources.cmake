@@ -11,6 +11,7 @@ hseg_sources(pipeline
   src/pipeline/net_kernels.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_pool.cpp
+  src/pipeline/net_winograd.cpp
 )
 # ---- end of network pass ----
 
