@@ -29,9 +29,10 @@ add_dependencies(weights_tool_test hseg-weights deeplab_data)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----
-# Runs the full pipeline a few times (seconds each), four at once in the
-# threaded test.
-hseg_add_test(segment_test LIBS hseg_pipeline SOURCES segment_test.cpp)
+# Runs the full pipeline, exact and fast, about twenty times (seconds each),
+# eight of them four at once in the threaded test.
+hseg_add_test(segment_test LIBS hseg_pipeline stb SOURCES segment_test.cpp)
+target_compile_definitions(segment_test PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 if(TARGET hseg-segment)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)
   target_compile_definitions(segment_tool_test PRIVATE
