@@ -20,6 +20,7 @@
 #include "pipeline/net_kernels.h"
 #include "pipeline/net_layers.h"
 #include "pipeline/net_pool.h"
+#include "pipeline/net_winograd.h"
 #include "pipeline/network.h"
 
 namespace {
@@ -467,6 +468,84 @@ TEST_F(NetPass, FastRouteMatchesPlainRouteKeepingEveryTensor) {
   // resident beside the 263 MB of weights.
   EXPECT_EQ(probe_->names, std::vector<std::string>{"arena"});
   EXPECT_LT(probe_->peak_bytes, 110u * 1000 * 1000);
+}
+
+// The filter cache of the fast-network tests, on an allocator that counts
+// its blocks (apart from the pass's, which go through the probe) and can
+// refuse the next one.
+int g_cache_blocks = 0;
+bool g_cache_refuse = false;
+void *cache_alloc(size_t bytes) {
+  if (g_cache_refuse) return nullptr;
+  ++g_cache_blocks;
+  return std::malloc(bytes);
+}
+void cache_release(void *p, size_t) {
+  --g_cache_blocks;
+  std::free(p);
+}
+
+// The fast network on the photograph (against the shared exact pass) and on
+// a second picture, without a person (against its own exact pass): scores
+// within 1e-3 of the largest score's magnitude.
+TEST_F(NetPass, FastNetworkScoresStayWithinTheBound) {
+  const std::vector<uint8_t> coffee = hseg_test::example_bgr("coffee.png", kPitch);
+  ASSERT_FALSE(coffee.empty());
+  std::vector<float> coffee_scores(7200);
+  ASSERT_EQ(hseg::net_forward(coffee.data(), kPitch, coffee_scores.data(), hseg::net_linked_weights(),
+                              nullptr), HSEG_OK);
+  hseg::NetFilterCache cache(cache_alloc, cache_release);
+  const struct {
+    const char *name;
+    const std::vector<uint8_t> *image;
+    const std::vector<float> *exact;
+  } pictures[] = {{"astronaut", &image_, &scores_}, {"coffee", &coffee, &coffee_scores}};
+  for (const auto &[name, image, exact] : pictures) {
+    Probe p;
+    hseg::NetHooks hooks = p.hooks();
+    hooks.winograd = true;
+    hooks.filters = &cache;
+    std::vector<float> fast(7200, kCanary);
+    ASSERT_EQ(hseg::net_forward(image->data(), kPitch, fast.data(), hseg::net_linked_weights(), &hooks),
+              HSEG_OK);
+    float largest = 0, worst = 0;
+    for (int i = 0; i < 7200; ++i) {
+      largest = std::max(largest, std::fabs((*exact)[i]));
+      worst = std::max(worst, std::fabs(fast[i] - (*exact)[i]));
+    }
+    std::printf("%s: fast network's scores within %.2g of the largest magnitude (%.3g)\n", name,
+                worst / largest, largest);
+    EXPECT_LE(worst, 1e-3f * largest) << name;
+    EXPECT_TRUE(p.live.empty()) << name;
+  }
+  EXPECT_EQ(g_cache_blocks, 1);  // made once, used twice
+}
+
+// A refused allocation at each point of the fast network, in the order it
+// takes them: the filter cache's block, then the arena. Status 4, scores
+// untouched, every block of the pass released; the cache's block, once made,
+// belongs to the cache (its own allocator counts it) until the cache dies.
+TEST_F(NetPass, FastNetworkAllocationFailureReleasesEverything) {
+  {
+    hseg::NetFilterCache cache(cache_alloc, cache_release);
+    for (const bool refuse_cache : {true, false}) {
+      Probe p;
+      p.fail_name = "arena";
+      g_cache_refuse = refuse_cache;
+      hseg::NetHooks hooks = p.hooks();
+      hooks.winograd = true;
+      hooks.filters = &cache;
+      std::vector<float> scores(7200, kCanary);
+      EXPECT_EQ(hseg::net_forward(image_.data(), kPitch, scores.data(), hseg::net_linked_weights(),
+                                  &hooks), HSEG_ERR_NO_MEMORY);
+      g_cache_refuse = false;
+      EXPECT_EQ(p.names.size(), refuse_cache ? 0u : 1u);  // the arena comes after the cache
+      EXPECT_TRUE(p.live.empty());
+      EXPECT_EQ(g_cache_blocks, refuse_cache ? 0 : 1);
+      for (float s : scores) ASSERT_EQ(s, kCanary);
+    }
+  }
+  EXPECT_EQ(g_cache_blocks, 0);
 }
 
 // A refused allocation, in the fast route (its one arena, taken before any
