@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -78,6 +79,13 @@ void run_case(const Case &c, std::mt19937 &rng) {
   hseg::net_winograd_filters(kernel.data(), c.out_channels, c.channels, 0, c.out_channels, u.data());
   std::vector<float> v(w.v_floats()), m(w.m_floats()), out(static_cast<size_t>(c.out_channels) * plane, kCanary);
   hseg::net_winograd_conv(w, in, u.data(), c.bn ? &bn : nullptr, out.data(), v.data(), m.data(), 2);
+  if (w.avx2) {  // the portable transforms give the same bits
+    w.avx2 = false;
+    std::vector<float> generic(out.size(), kCanary);
+    hseg::net_winograd_conv(w, in, u.data(), c.bn ? &bn : nullptr, generic.data(), v.data(),
+                            m.data(), 1);
+    ASSERT_EQ(std::memcmp(generic.data(), out.data(), out.size() * sizeof(float)), 0);
+  }
 
   const std::vector<double> x = dense_input(c, plain, small);
   double worst = 0.0;
@@ -114,7 +122,7 @@ void run_case(const Case &c, std::mt19937 &rng) {
 // dilations 1, 2 and 4 with their pads, planned chunks and small forced ones
 // (several tile-row chunks, channel chunks accumulated), a second source read
 // resized as conv5_4 reads the pyramid branches, with and without the
-// batch-norm finish.
+// batch-norm finish; the AVX2 and the portable transforms alike.
 TEST(NetWinograd, MatchesDirectConvolutionOnRandomShapes) {
   std::mt19937 rng(2024);
   const int dilations[] = {1, 2, 4};

@@ -46,6 +46,7 @@ struct NetWinograd {
   int tile_rows, tile_cols;  // TR, TC
   int chunk_rows;            // tile rows per chunk
   int chunk_channels;        // input channels per chunk
+  bool avx2;                 // transforms compiled for AVX2 (same bits), if the CPU has it
   // Floats of the work buffers: V (36 x chunk_channels x chunk tiles) and
   // M (36 x out_channels x chunk tiles).
   size_t v_floats() const;
