@@ -159,6 +159,58 @@ TEST(NetKernels, FinishesMatchTheLayerFunctions) {
   }
 }
 
+// The two column copies against the column formula, on bands of random
+// geometries (stride 1 "same" ones, which take the one-copy kernel, and
+// strided ones), with the input split over sources, one of them read
+// resized as conv5_4 reads the pyramid branches.
+TEST(NetKernels, ColumnCopiesMatchTheFormula) {
+  std::mt19937 rng(9);
+  for (int k = 0; k < 40; ++k) {
+    const int dilation = 1 + static_cast<int>(rng() % 3), kernel = k % 4 == 3 ? 1 : 3;
+    const bool same = k % 2 == 0;
+    hseg::NetConvGeom g{};
+    g.channels = 1 + static_cast<int>(rng() % 9);
+    g.size = 1 + static_cast<int>(rng() % 30);
+    g.kernel = kernel;
+    g.stride = same ? 1 : 1 + static_cast<int>(rng() % 2);
+    g.dilation = dilation;
+    g.pad = same ? dilation * (kernel - 1) / 2 : static_cast<int>(rng() % 3);
+    g.out_size = (g.size + 2 * g.pad - (dilation * (kernel - 1) + 1)) / g.stride + 1;
+    if (g.out_size < 1) continue;
+    const int row0 = static_cast<int>(rng() % g.out_size);
+    const int row1 = row0 + 1 + static_cast<int>(rng() % (g.out_size - row0));
+    // Sources: the channels split in two, the second resized from n x n.
+    const int first = 1 + static_cast<int>(rng() % g.channels), n = 1 + static_cast<int>(rng() % g.size);
+    std::vector<float> a(static_cast<size_t>(first) * g.size * g.size), b(static_cast<size_t>(g.channels - first) * n * n);
+    for (float &x : a) x = std::uniform_real_distribution<float>(-1, 1)(rng);
+    for (float &x : b) x = std::uniform_real_distribution<float>(-1, 1)(rng);
+    hseg::NetSources in{first < g.channels ? 2 : 1, {a.data(), b.data()}, {first, g.channels - first}, {0, n}};
+    std::vector<float> dense = a, up(static_cast<size_t>(g.channels - first) * g.size * g.size);
+    if (first < g.channels) {
+      ASSERT_EQ(ly_interp(b.data(), up.data(), 1, g.channels - first, n, n, 0, 0, g.size, g.size), 0u);
+    }
+    dense.insert(dense.end(), up.begin(), up.end());
+    const size_t band = static_cast<size_t>(row1 - row0) * g.out_size;
+    std::vector<float> want(static_cast<size_t>(g.channels) * kernel * kernel * band);
+    for (size_t i = 0; i < want.size(); ++i) {
+      const int r = static_cast<int>(i / band), col = static_cast<int>(i % band);
+      const int c = r / (kernel * kernel), kh = r / kernel % kernel, kw = r % kernel;
+      const int ih = (row0 + col / g.out_size) * g.stride - g.pad + kh * dilation;
+      const int iw = col % g.out_size * g.stride - g.pad + kw * dilation;
+      const bool inside = ih >= 0 && ih < g.size && iw >= 0 && iw < g.size;
+      want[i] = inside ? dense[(static_cast<size_t>(c) * g.size + ih) * g.size + iw] : 0.0f;
+    }
+    for (auto copy : {hseg::net_im2col_rows, hseg::net_im2col_rows_ref}) {
+      std::vector<float> got(want.size(), kCanary);
+      copy(in, g, row0, row1, got.data());
+      ASSERT_EQ(first_diff(want.data(), got.data(), want.size()), want.size())
+          << "case " << k << ": size " << g.size << ", kernel " << kernel << ", stride " << g.stride
+          << ", pad " << g.pad << ", dilation " << dilation << ", rows [" << row0 << ", " << row1
+          << "), ref " << (copy == hseg::net_im2col_rows_ref);
+    }
+  }
+}
+
 // Rows of a resized pyramid branch, as the column copy makes them, against
 // ly_interp's whole plane: every bin count the pyramid uses, an odd one, a
 // 1-pixel destination and an unchanged size; any row range.

@@ -165,13 +165,13 @@ HSEG_API Image *clear_img(Image *img);
  * The weights are the read-only data symbols of libdeeplab_data.so (see
  * docs/weights.md); the library is linked against it, so another build of
  * that library with the same symbols can be swapped in without relinking.
- * The pass takes all its tensors and work buffers as one block of about
- * 106 MB, mapped from the system (not MMemAlloc) before its first matrix
- * product and advised for transparent huge pages, and releases it at the
- * end: a process running it peaks near 365 MB resident, the 263 MB of
- * weights included (keeping every tensor would take 1.5 GB). Where the
- * kernel grants huge pages (transparent_hugepage "madvise" or "always") a
- * pass takes about a hundred page faults, elsewhere about 26,000. The matrix
+ * The pass takes all its tensors and work buffers as one block of 106 MB,
+ * mapped from the system (not MMemAlloc) before its first matrix product
+ * and advised for transparent huge pages, and releases it at the end: a
+ * process running it peaks near 365 MiB resident, the 263 MB of weights
+ * included (keeping every tensor would take 1.5 GB). Where the kernel grants
+ * huge pages (transparent_hugepage "madvise" or "always") a pass after the
+ * first takes about 50 page faults, elsewhere about 26,000. The matrix
  * products run on OpenBLAS's threads, the rest of the work on the library's
  * pool of as many threads; the scores do not depend on their number. Calls
  * on different buffers may run at once.

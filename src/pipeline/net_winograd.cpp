@@ -186,6 +186,20 @@ HSEG_INLINE void input_transform_impl(const NetWinograd &w, const NetSources &in
   }
 }
 
+// One output row from value j of each tile (o4[j][tile column]): tile t of
+// grid g holds x = g + d (4 t + j).
+HSEG_INLINE void store_row(const float o4[kWinoOut][kRowPad], int size, int d, float *dst) {
+  for (int g = 0, first = 0; g < d; ++g) {
+    const int tiles = grid_tiles(size, d, g);
+    for (int t = 0; t < tiles; ++t)
+      for (int j = 0; j < kWinoOut; ++j) {
+        const int x = g + d * (kWinoOut * t + j);
+        if (x < size) dst[x] = o4[j][first + t];
+      }
+    first += tiles;
+  }
+}
+
 // The outputs of output channels [o0, o1) for the chunk's tiles, from M.
 HSEG_INLINE void output_transform_impl(const NetWinograd &w, const Chunk &ch, const float *m,
                                        const NetBn *bn, int o0, int o1, float *out) {
@@ -232,17 +246,7 @@ HSEG_INLINE void output_transform_impl(const NetWinograd &w, const Chunk &ch, co
             store(&o4[j][t], value);
           }
         }
-        // Back from tiles to pixels: tile t of grid g holds x = g + d (4 t + j).
-        float *dst = plane + static_cast<size_t>(y) * size;
-        for (int g = 0, first = 0; g < d; ++g) {
-          const int tiles = grid_tiles(size, d, g);
-          for (int t = 0; t < tiles; ++t)
-            for (int j = 0; j < kWinoOut; ++j) {
-              const int x = g + d * (kWinoOut * t + j);
-              if (x < size) dst[x] = o4[j][first + t];
-            }
-          first += tiles;
-        }
+        store_row(o4, size, d, plane + static_cast<size_t>(y) * size);
       }
     }
   }
