@@ -11,13 +11,17 @@
 // stride-1 convolution as one GEMM straight on its input, and any other
 // convolution in bands of output rows: one GEMM per band on a band-sized
 // column copy. Batch norm, ReLU and the residual sum follow in one pass over
-// each band (the block's sum lands in the increase convolution's output), and
-// conv5_4's column copy reads conv5_3 and the pyramid branches where they lie
-// instead of a concatenation. Every float operation is the one the plain
-// route performs, in the same order: OpenBLAS computes each output element
-// over the whole K in the same order whatever the number of columns it is
-// given, and the finishes repeat ly_bn_frozen, ly_etlwise_sum and
-// ly_relu_float element by element.
+// each band (the block's sum lands in its shortcut, in place), and conv5_4's
+// column copy reads conv5_3 and the pyramid branches where they lie, resizing
+// the branches' rows as it needs them, instead of a concatenation. Every
+// float operation is the one the plain route performs, in the same order:
+// OpenBLAS computes each output element over the whole K in the same order
+// whatever the number of columns it is given, and the finishes repeat
+// ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
+//
+// The fast network (NetHooks::winograd) is the fast route with its stride-1
+// 3x3 convolutions by Winograd minimal filtering (net_winograd.h); its scores
+// differ from the exact ones in their rounding.
 //
 // The fast route takes all its memory as one arena before its first matrix
 // product (sized by a dry run of the same pass, see net_arena.h) and releases
@@ -56,9 +60,9 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // on 1800 columns than on a few hundred, so a band has at least
 // kMinBandColumns columns, or more rows when its column copy still fits in
 // kBandBytes (the stem's wide rows); but a column copy never takes more than
-// kMaxBandBytes: conv5_4's 36864-row copy gets 7 rows of 60 columns, which
-// costs its products about 2% against 14 rows and keeps the pass's peak
-// memory 60 MB lower.
+// kMaxBandBytes: conv5_4's 36864-row copy gets 7 rows of 60 columns. That
+// keeps the pass's peak memory 60 MB below 14-row bands, at the cost of
+// OpenBLAS packing conv5_4's 75 MB kernel once more for each extra band.
 constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
 constexpr int64_t kMaxBandBytes = int64_t{64} << 20;
