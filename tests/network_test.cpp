@@ -162,7 +162,8 @@ TEST(NetKernels, FinishesMatchTheLayerFunctions) {
 // The two column copies against the column formula, on bands of random
 // geometries (stride 1 "same" ones, which take the one-copy kernel, and
 // strided ones), with the input split over sources, one of them read
-// resized as conv5_4 reads the pyramid branches.
+// resized as conv5_4 reads the pyramid branches (net_interp_rows against
+// ly_interp, from 1x1 up to the unchanged size).
 TEST(NetKernels, ColumnCopiesMatchTheFormula) {
   std::mt19937 rng(9);
   for (int k = 0; k < 40; ++k) {
@@ -207,30 +208,6 @@ TEST(NetKernels, ColumnCopiesMatchTheFormula) {
           << "case " << k << ": size " << g.size << ", kernel " << kernel << ", stride " << g.stride
           << ", pad " << g.pad << ", dilation " << dilation << ", rows [" << row0 << ", " << row1
           << "), ref " << (copy == hseg::net_im2col_rows_ref);
-    }
-  }
-}
-
-// Rows of a resized pyramid branch, as the column copy makes them, against
-// ly_interp's whole plane: every bin count the pyramid uses, an odd one, a
-// 1-pixel destination and an unchanged size; any row range.
-TEST(NetKernels, InterpRowsMatchLayerFunction) {
-  const struct { int in_h, in_w, out_h, out_w; } cases[] = {
-      {1, 1, 60, 60}, {2, 2, 60, 60}, {3, 3, 60, 60}, {6, 6, 60, 60},
-      {5, 7, 13, 11}, {4, 3, 1, 1}, {9, 9, 9, 9}};
-  std::mt19937 rng(5);
-  for (const auto &c : cases) {
-    std::vector<float> in(c.in_h * c.in_w), want(c.out_h * c.out_w);
-    for (float &v : in) v = std::uniform_real_distribution<float>(-4, 4)(rng);
-    ASSERT_EQ(ly_interp(in.data(), want.data(), 1, 1, c.in_h, c.in_w, 0, 0, c.out_h, c.out_w), 0u);
-    const int y0 = static_cast<int>(rng() % c.out_h), y1 = y0 + static_cast<int>(rng() % (c.out_h - y0 + 1));
-    std::vector<float> got(want.size(), kCanary);
-    hseg::net_interp_rows(in.data(), c.in_h, c.in_w, c.out_h, c.out_w, y0, y1, got.data());
-    for (int i = 0; i < c.out_h * c.out_w; ++i) {
-      const bool inside = i / c.out_w >= y0 && i / c.out_w < y1;
-      ASSERT_EQ(got[i], inside ? want[i] : kCanary)
-          << c.in_h << "x" << c.in_w << " -> " << c.out_h << "x" << c.out_w << ", rows [" << y0
-          << ", " << y1 << "), element " << i;
     }
   }
 }

@@ -71,14 +71,19 @@ HSEG_INLINE void output_1d(Vec m0, Vec m1, Vec m2, Vec m3, Vec m4, Vec m5, Vec o
 
 // Filter: u = G g, with
 //   G = [1/4 0 0;  -1/6 -1/6 -1/6;  -1/6 1/6 -1/6;
-//        1/24 1/12 1/6;  1/24 -1/12 1/6;  0 0 1].
-inline void filter_1d(const double g[3], double u[kWinoTile]) {
-  u[0] = g[0] / 4.0;
-  u[1] = -(g[0] + g[1] + g[2]) / 6.0;
-  u[2] = -(g[0] - g[1] + g[2]) / 6.0;
-  u[3] = (g[0] / 4.0 + g[1] / 2.0 + g[2]) / 6.0;
-  u[4] = (g[0] / 4.0 - g[1] / 2.0 + g[2]) / 6.0;
-  u[5] = g[2];
+//        1/24 1/12 1/6;  1/24 -1/12 1/6;  0 0 1],
+// on n values of each of g0, g1, g2 side by side, in double precision.
+constexpr double kSixth = 1.0 / 6.0;
+HSEG_INLINE void filter_1d(const double *g0, const double *g1, const double *g2, int n,
+                           double *u[kWinoTile]) {
+  for (int c = 0; c < n; ++c) {
+    u[0][c] = g0[c] * 0.25;
+    u[1][c] = -(g0[c] + g1[c] + g2[c]) * kSixth;
+    u[2][c] = -(g0[c] - g1[c] + g2[c]) * kSixth;
+    u[3][c] = (g0[c] * 0.25 + g1[c] * 0.5 + g2[c]) * kSixth;
+    u[4][c] = (g0[c] * 0.25 - g1[c] * 0.5 + g2[c]) * kSixth;
+    u[5][c] = g2[c];
+  }
 }
 
 // Tile rows and tile columns are numbered alike: grid 0's tiles, then grid
@@ -308,21 +313,28 @@ NetWinograd net_winograd_plan(int channels, int out_channels, int size, int dila
 
 void net_winograd_filters(const float *kernel, int out_channels, int channels, int o0, int o1,
                           float *u) {
+  // Input channels in blocks, each kernel tap of a block in its own row, so
+  // that the transforms run over the block's channels side by side.
+  constexpr int kBlock = 64;
+  double taps[9][kBlock], rows[3][kWinoTile][kBlock], out[kWinoTile][kBlock];
   const size_t xi_stride = static_cast<size_t>(out_channels) * channels;
   for (int o = o0; o < o1; ++o) {
-    for (int c = 0; c < channels; ++c) {
-      const float *g = kernel + (static_cast<size_t>(o) * channels + c) * 9;
-      double t[3][kWinoTile], col[3], out[kWinoTile];
-      for (int a = 0; a < 3; ++a) {
-        const double row[3] = {g[3 * a], g[3 * a + 1], g[3 * a + 2]};
-        filter_1d(row, t[a]);
+    for (int c0 = 0; c0 < channels; c0 += kBlock) {
+      const int n = std::min(kBlock, channels - c0);
+      const float *g = kernel + (static_cast<size_t>(o) * channels + c0) * 9;
+      for (int c = 0; c < n; ++c)
+        for (int j = 0; j < 9; ++j) taps[j][c] = g[c * 9 + j];
+      for (int a = 0; a < 3; ++a) {  // along each kernel row: rows[a][k]
+        double *r[kWinoTile] = {rows[a][0], rows[a][1], rows[a][2], rows[a][3], rows[a][4], rows[a][5]};
+        filter_1d(taps[3 * a], taps[3 * a + 1], taps[3 * a + 2], n, r);
       }
-      for (int k = 0; k < kWinoTile; ++k) {
-        for (int a = 0; a < 3; ++a) col[a] = t[a][k];
-        filter_1d(col, out);
-        for (int i = 0; i < kWinoTile; ++i)
-          u[(i * kWinoTile + k) * xi_stride + static_cast<size_t>(o) * channels + c] =
-              static_cast<float>(out[i]);
+      for (int k = 0; k < kWinoTile; ++k) {  // then down each column k
+        double *r[kWinoTile] = {out[0], out[1], out[2], out[3], out[4], out[5]};
+        filter_1d(rows[0][k], rows[1][k], rows[2][k], n, r);
+        for (int i = 0; i < kWinoTile; ++i) {
+          float *dst = u + (i * kWinoTile + k) * xi_stride + static_cast<size_t>(o) * channels + c0;
+          for (int c = 0; c < n; ++c) dst[c] = static_cast<float>(out[i][c]);
+        }
       }
     }
   }
