@@ -42,11 +42,12 @@ extern "C" {
 
 /* Memory shortage and OpenBLAS: the network's matrix products run on
  * OpenBLAS, which ends the process (exit status 1, "malloc failed in
- * gemm_driver") when it cannot allocate its own work memory; it does so once
- * per process and thread count, at its first products. The network takes all
- * of its own memory before its first product, so a shortage seen there is
- * reported as HSEG_ERR_NO_MEMORY; a shortage that first strikes inside
- * OpenBLAS cannot be. */
+ * gemm_driver") when it cannot allocate its own work memory. It takes that
+ * memory at its first products and keeps it, so this can strike the first
+ * calls of a process (and calls that use OpenBLAS from more threads at once
+ * than before). The network takes all of its own memory before its first
+ * product, so a shortage seen there is reported as HSEG_ERR_NO_MEMORY; a
+ * shortage that first strikes inside OpenBLAS cannot be. */
 
 typedef uint32_t MRESULT;
 
