@@ -102,6 +102,11 @@ inline double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v.empty() ? 0.0 : v[v.size() / 2];
 }
+// The best of the rounds: on a shared machine other work only ever adds
+// time, so ratios of the best times come closest to a quiet machine's.
+inline double best(const std::vector<double> &v) {
+  return v.empty() ? 0.0 : *std::min_element(v.begin(), v.end());
+}
 
 // "madvise", "always" or "never": the kernel's transparent huge page mode.
 inline std::string huge_page_mode() {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -252,21 +253,33 @@ TEST(NetArena, PlannedSizeServesTheSameRequests) {
   }
 }
 
-// Every task runs exactly once, also when four callers share the pool and
-// when more lanes are asked for than there are tasks.
+// Every task runs exactly once on at most the lanes asked for, also when
+// four callers share the pool (asking for 1 to 4 lanes, more than there are
+// cores) and when there are fewer tasks than lanes.
 TEST(NetPool, EveryTaskRunsOnceWithConcurrentCallers) {
   constexpr int kCallers = 4, kTasks = 257;
   std::vector<std::vector<int>> runs(kCallers, std::vector<int>(kTasks, 0));
+  std::vector<int> most_threads(kCallers, 0);
   std::vector<std::thread> callers;
   for (int k = 0; k < kCallers; ++k)
     callers.emplace_back([&, k] {
-      for (int rep = 0; rep < 50; ++rep)
-        hseg::net_parallel(k + 1, rep % 2 ? kTasks : 3, [&](int t) { ++runs[k][t]; });
+      for (int rep = 0; rep < 50; ++rep) {
+        std::mutex m;
+        std::set<std::thread::id> threads;
+        hseg::net_parallel(k + 1, rep % 2 ? kTasks : 3, [&](int t) {
+          ++runs[k][t];
+          std::lock_guard<std::mutex> lock(m);
+          threads.insert(std::this_thread::get_id());
+        });
+        most_threads[k] = std::max(most_threads[k], static_cast<int>(threads.size()));
+      }
     });
   for (auto &t : callers) t.join();
-  for (int k = 0; k < kCallers; ++k)
+  for (int k = 0; k < kCallers; ++k) {
+    EXPECT_LE(most_threads[k], k + 1) << "caller " << k;
     for (int t = 0; t < kTasks; ++t)
       ASSERT_EQ(runs[k][t], t < 3 ? 50 : 25) << "caller " << k << " task " << t;
+  }
 }
 
 TEST(NetEntry, RejectsBadArgumentsLeavingScoresUntouched) {

@@ -15,9 +15,9 @@
 namespace hseg {
 namespace {
 
-// A job's tasks are short (a band's column copy, a few milliseconds at
-// most), and the next job follows within microseconds, so an idle lane
-// polls for a while before it sleeps: about 50 us on a 2.6 GHz core.
+// Jobs come in quick succession (a band's column copy, its product, its
+// finish, the next band's copy), so an idle worker polls for a while before
+// it sleeps.
 constexpr int kSpins = 2000;
 constexpr int kMaxWorkers = 63;
 
@@ -29,6 +29,41 @@ inline void cpu_relax() {
 #endif
 }
 
+// Polls until pred() holds, now and then yielding the core to a thread that
+// may be waiting for it (a worker woken onto the caller's core, say).
+template <typename Pred>
+void wait_until(Pred pred) {
+  for (int i = 1; !pred(); ++i) {
+    if (i % 64 == 0)
+      std::this_thread::yield();
+    else
+      cpu_relax();
+  }
+}
+
+// One call's tasks, on the caller's stack.
+struct Job {
+  void (*body)(void *, int);
+  void *ctx;
+  int tasks;
+  std::atomic<int> seats;    // workers that may still join
+  std::atomic<int> next{0};  // the next task to hand out
+  std::atomic<int> done{0};  // tasks finished
+};
+
+// Runs the job's tasks until none is left to hand out.
+void take_tasks(Job *job) {
+  for (int t = job->next.fetch_add(1, std::memory_order_relaxed); t < job->tasks;
+       t = job->next.fetch_add(1, std::memory_order_relaxed)) {
+    job->body(job->ctx, t);
+    job->done.fetch_add(1, std::memory_order_release);
+  }
+}
+
+// The caller works on its own job at once and waits only for tasks that a
+// worker has taken: a worker that wakes late (the other core busy, say with
+// OpenBLAS's threads polling between products) finds nothing left and costs
+// the caller nothing.
 class Pool {
  public:
   Pool() = default;
@@ -39,40 +74,26 @@ class Pool {
   void run(int lanes, int tasks, void (*body)(void *, int), void *ctx);
 
  private:
-  void worker(int index, unsigned seen);
-  void work();
+  void worker(unsigned seen);
   int start_workers(int wanted);
   void stop_workers();
 
   std::mutex job_mutex_;  // held by the caller whose job the pool runs
   std::mutex mutex_;      // guards the sleeping side of the hand-over
-  std::condition_variable wake_, done_;
+  std::condition_variable wake_;
   std::thread workers_[kMaxWorkers];
   int worker_count_ = 0;
   pid_t owner_ = 0;  // the process that started the workers
 
-  // The current job. Written by its caller before the generation moves on,
-  // read by the workers after they see it move.
-  void (*body_)(void *, int) = nullptr;
-  void *ctx_ = nullptr;
-  int tasks_ = 0;
-  std::atomic<int> helpers_{0};  // also read by workers that sit a job out
-  std::atomic<int> next_{0};
-  std::atomic<int> pending_{0};
-  std::atomic<unsigned> generation_{0};
+  std::atomic<Job *> job_{nullptr};   // the job on offer, or null
+  std::atomic<int> inside_{0};        // workers that may be looking at job_
+  std::atomic<unsigned> generation_{0};  // moves on with every job offered
   std::atomic<bool> stop_{false};
 };
 
-// Takes tasks until none is left.
-void Pool::work() {
-  for (int t = next_.fetch_add(1, std::memory_order_relaxed); t < tasks_;
-       t = next_.fetch_add(1, std::memory_order_relaxed))
-    body_(ctx_, t);
-}
-
-// `seen` is the generation when the worker was started: a job posted before
-// the thread runs is still the worker's to join.
-void Pool::worker(int index, unsigned seen) {
+// `seen` is the generation when the worker was started: a job offered before
+// the thread runs is still one to join.
+void Pool::worker(unsigned seen) {
   for (;;) {
     for (int i = 0; i < kSpins && generation_.load(std::memory_order_acquire) == seen &&
                     !stop_.load(std::memory_order_relaxed);
@@ -87,12 +108,12 @@ void Pool::worker(int index, unsigned seen) {
     }
     if (stop_.load(std::memory_order_relaxed)) return;
     seen = generation_.load(std::memory_order_acquire);
-    if (index >= helpers_.load(std::memory_order_relaxed)) continue;
-    work();
-    if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_.notify_one();
-    }
+    // Announce before looking, so that the caller, which withdraws the job
+    // and then waits for inside_ to fall to 0, cannot free it under us.
+    inside_.fetch_add(1, std::memory_order_seq_cst);
+    Job *job = job_.load(std::memory_order_seq_cst);
+    if (job != nullptr && job->seats.fetch_sub(1, std::memory_order_relaxed) > 0) take_tasks(job);
+    inside_.fetch_sub(1, std::memory_order_release);
   }
 }
 
@@ -108,8 +129,8 @@ int Pool::start_workers(int wanted) {
   if (wanted > kMaxWorkers) wanted = kMaxWorkers;
   while (worker_count_ < wanted) {
     try {
-      workers_[worker_count_] = std::thread(&Pool::worker, this, worker_count_,
-                                            generation_.load(std::memory_order_relaxed));
+      workers_[worker_count_] =
+          std::thread(&Pool::worker, this, generation_.load(std::memory_order_relaxed));
     } catch (...) {  // no memory or no thread left: work with what runs
       break;
     }
@@ -130,34 +151,26 @@ void Pool::stop_workers() {
 }
 
 void Pool::run(int lanes, int tasks, void (*body)(void *, int), void *ctx) {
-  std::unique_lock<std::mutex> job(job_mutex_, std::try_to_lock);
-  int helpers = 0;
-  if (job.owns_lock()) {
-    helpers = start_workers(lanes - 1);
-    if (helpers > lanes - 1) helpers = lanes - 1;
-    if (helpers > tasks - 1) helpers = tasks - 1;
-  }
-  if (helpers <= 0) {  // busy with another caller's job, or no worker
+  std::unique_lock<std::mutex> busy(job_mutex_, std::try_to_lock);
+  if (!busy.owns_lock() || start_workers(lanes - 1) == 0) {
+    // Busy with another caller's job, or no worker: the caller alone.
     for (int t = 0; t < tasks; ++t) body(ctx, t);
     return;
   }
-  body_ = body;
-  ctx_ = ctx;
-  tasks_ = tasks;
-  helpers_.store(helpers, std::memory_order_relaxed);
-  next_.store(0, std::memory_order_relaxed);
-  pending_.store(helpers, std::memory_order_relaxed);
+  // lanes - 1 workers may join; any others that are awake find no seat.
+  Job job{body, ctx, tasks, {lanes - 1}};
+  job_.store(&job, std::memory_order_seq_cst);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     generation_.fetch_add(1, std::memory_order_release);
   }
   wake_.notify_all();
-  work();
-  for (int i = 0; i < kSpins && pending_.load(std::memory_order_acquire) != 0; ++i) cpu_relax();
-  if (pending_.load(std::memory_order_acquire) != 0) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    done_.wait(lock, [&] { return pending_.load(std::memory_order_acquire) == 0; });
-  }
+  take_tasks(&job);
+  // The tasks that workers took are running: wait for them, then withdraw
+  // the job and wait until no worker can still be looking at it.
+  wait_until([&] { return job.done.load(std::memory_order_acquire) == tasks; });
+  job_.store(nullptr, std::memory_order_seq_cst);
+  wait_until([&] { return inside_.load(std::memory_order_seq_cst) == 0; });
 }
 
 }  // namespace
