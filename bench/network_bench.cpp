@@ -1,7 +1,8 @@
 // The network pass on 2 threads: wall time, the time spent inside
 // cblas_sgemm against everything else, a per-stage breakdown, the peak
 // resident set of one pass, and the pure-GEMM lower bound (the same GEMMs
-// replayed alone) with the pass's ratio to it.
+// replayed alone) with the pass's ratio to it; then the table of the exact
+// and the fast network against the bound (BM_NetworkTable).
 //
 // cblas_sgemm is interposed in this program: the definition below forwards
 // to OpenBLAS's and times every call, the library's own and the layer
@@ -15,21 +16,21 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "net_measure.h"
 #include "network_test_image.h"
+#include "pipeline/net_arena.h"
 #include "pipeline/net_layers.h"
+#include "pipeline/net_winograd.h"
 #include "pipeline/network.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point t0) {
-  return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+using hseg_bench::Clock;
+using hseg_bench::GemmCall;
+using hseg_bench::seconds_since;
 
 // CPU time of the calling thread: what the pass's own code costs, less
 // disturbed than wall time when the machine is shared.
@@ -38,10 +39,6 @@ double thread_cpu_seconds() {
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
   return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
 }
-
-struct GemmCall {
-  int m, n, k, lda, ldb, ldc;
-};
 
 // What the interposed cblas_sgemm has seen.
 struct GemmLog {
@@ -52,13 +49,9 @@ struct GemmLog {
   std::vector<GemmCall> calls;
 } g_gemm;
 
-using SgemmFn = void (*)(const enum CBLAS_ORDER, const enum CBLAS_TRANSPOSE,
-                         const enum CBLAS_TRANSPOSE, const blasint, const blasint, const blasint,
-                         const float, const float *, const blasint, const float *, const blasint,
-                         const float, float *, const blasint);
-
-SgemmFn real_sgemm() {
-  static const SgemmFn fn = reinterpret_cast<SgemmFn>(dlsym(RTLD_NEXT, "cblas_sgemm"));
+hseg_bench::SgemmFn real_sgemm() {
+  static const hseg_bench::SgemmFn fn =
+      reinterpret_cast<hseg_bench::SgemmFn>(dlsym(RTLD_NEXT, "cblas_sgemm"));
   return fn;
 }
 
@@ -82,24 +75,13 @@ namespace {
 
 constexpr int kPitch = 1420;
 
-// Resident-set high-water mark of this process, in MB; reset_peak() sets it
-// back to the current resident set.
-double peak_rss_mb() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
-  return 0.0;
-}
-void reset_peak() { std::ofstream("/proc/self/clear_refs") << "5"; }
-
 // Stages of the breakdown, each ending at the tensor named.
 struct Stage {
   const char *name, *ends_at;
 };
 constexpr Stage kStages[] = {
     {"stem", "pool1"},     {"conv2", "conv2_3"}, {"conv3", "conv3_4"},
-    {"conv4", "conv4_23"}, {"conv5", "conv5_3"}, {"pyramid", "conv5_3_pool6_interp"},
+    {"conv4", "conv4_23"}, {"conv5", "conv5_3"}, {"pyramid", "conv5_3_pool6_conv"},
     {"conv5_4", "conv5_4"}, {"fc8", "fc8_zembdata"},
 };
 constexpr int kStageCount = sizeof kStages / sizeof *kStages;
@@ -127,22 +109,6 @@ const std::vector<uint8_t> &image() {
   return img;
 }
 
-// Replays `calls` on scratch operands; returns the wall time.
-double replay(const std::vector<GemmCall> &calls) {
-  size_t a = 0, b = 0, c = 0;
-  for (const GemmCall &g : calls) {
-    a = std::max(a, static_cast<size_t>(g.m) * g.lda);
-    b = std::max(b, static_cast<size_t>(g.k) * g.ldb);
-    c = std::max(c, static_cast<size_t>(g.m) * g.ldc);
-  }
-  std::vector<float> A(a, 0.01f), B(b, 0.02f), C(c, 0.0f);
-  const Clock::time_point t0 = Clock::now();
-  for (const GemmCall &g : calls)
-    real_sgemm()(CblasRowMajor, CblasNoTrans, CblasNoTrans, g.m, g.n, g.k, 1.0f, A.data(), g.lda,
-                 B.data(), g.ldb, 0.0f, C.data(), g.ldc);
-  return seconds_since(t0);
-}
-
 // The GEMMs of one fast pass, as issued.
 const std::vector<GemmCall> &pass_gemms() {
   static const std::vector<GemmCall> calls = [] {
@@ -156,33 +122,21 @@ const std::vector<GemmCall> &pass_gemms() {
   return calls;
 }
 
-// One GEMM per convolution, over its whole output: the shapes of the plain
-// route.
-std::vector<GemmCall> whole_layer_gemms() {
-  std::vector<GemmCall> calls;
-  for (int i = 0; i < hseg::kNetLayerCount; ++i) {
-    const hseg::NetLayer &l = hseg::kNetLayers[i];
-    const int n = hseg::net_out_size(l) * hseg::net_out_size(l);
-    const int k = l.cin * l.kernel * l.kernel;
-    calls.push_back({l.cout, n, k, k, n, n});
-  }
-  return calls;
-}
-
 // The pure-GEMM bound of the fast pass: the best of three replays.
 double gemm_bound() {
   static const double bound = [] {
     double best = 1e30;
-    for (int r = 0; r < 3; ++r) best = std::min(best, replay(pass_gemms()));
+    for (int r = 0; r < 3; ++r) best = std::min(best, hseg_bench::replay(pass_gemms(), real_sgemm()));
     return best;
   }();
   return bound;
 }
 
-// Arg 0: the fast route; arg 1: the plain route keeping every tensor.
+// Arg 0: the exact network (the fast route); arg 1: the plain route keeping
+// every tensor; arg 2: the fast network (its filters made before the clock).
 void BM_NetworkPass(benchmark::State &state) {
   openblas_set_num_threads(2);
-  const bool plain = state.range(0) == 1;
+  const bool plain = state.range(0) == 1, winograd = state.range(0) == 2;
   const double bound = plain ? 0.0 : gemm_bound();
   std::vector<float> scores(hseg::kNetScoreCount);
   StageClock stages;
@@ -191,9 +145,12 @@ void BM_NetworkPass(benchmark::State &state) {
   hooks.user = &stages;
   hooks.plain = plain;
   hooks.keep_all = plain;
+  hooks.winograd = winograd;
+  hooks.filters = &hseg::net_filter_cache();
+  if (winograd) hseg::net_filter_cache().get(hseg::net_linked_weights(), 2);
   double gemm = 0.0, wall = 0.0, peak = 0.0, flops = 0.0, other_cpu = 0.0;
   for (auto _ : state) {
-    reset_peak();
+    hseg_bench::reset_peak();
     const double gemm0 = g_gemm.seconds, flops0 = g_gemm.flops;
     const double cpu0 = thread_cpu_seconds(), gemm_cpu0 = g_gemm.cpu_seconds;
     stages.last_wall = 0.0;
@@ -207,7 +164,7 @@ void BM_NetworkPass(benchmark::State &state) {
     wall += w;
     gemm += g_gemm.seconds - gemm0;
     flops += g_gemm.flops - flops0;
-    peak = std::max(peak, peak_rss_mb());
+    peak = std::max(peak, hseg_bench::peak_rss_mib());
     state.SetIterationTime(w);
   }
   const double n = static_cast<double>(state.iterations());
@@ -216,7 +173,7 @@ void BM_NetworkPass(benchmark::State &state) {
   state.counters["other_cpu_s"] = other_cpu / n;
   state.counters["gemm_share"] = gemm / wall;
   state.counters["GFLOP/s"] = flops / gemm / 1e9;
-  state.counters["peak_rss_MB"] = peak;
+  state.counters["peak_rss_MiB"] = peak;
   if (!plain) {
     state.counters["gemm_bound_s"] = bound;
     state.counters["ratio_to_bound"] = wall / n / bound;
@@ -226,18 +183,18 @@ void BM_NetworkPass(benchmark::State &state) {
     state.counters[std::string(kStages[i].name) + "_gemm_s"] = stages.gemm[i] / n;
   }
 }
-BENCHMARK(BM_NetworkPass)->Arg(0)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NetworkPass)->Arg(0)->Arg(1)->Arg(2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // Arg 0: the fast pass's GEMMs as issued (its bands); arg 1: one GEMM per
 // convolution over its whole output.
 void BM_PureGemm(benchmark::State &state) {
   openblas_set_num_threads(2);
-  const std::vector<GemmCall> calls = state.range(0) == 0 ? pass_gemms() : whole_layer_gemms();
+  const std::vector<GemmCall> calls = state.range(0) == 0 ? pass_gemms() : hseg_bench::whole_layer_gemms();
   double flops = 0.0;
   for (const GemmCall &g : calls) flops += 2.0 * g.m * g.n * g.k;
   double total = 0.0;
   for (auto _ : state) {
-    const double s = replay(calls);
+    const double s = hseg_bench::replay(calls, real_sgemm());
     total += s;
     state.SetIterationTime(s);
   }
@@ -246,5 +203,62 @@ void BM_PureGemm(benchmark::State &state) {
   state.counters["GFLOP/s"] = flops * static_cast<double>(state.iterations()) / total / 1e9;
 }
 BENCHMARK(BM_PureGemm)->Arg(0)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The exact and the fast network's pass against the pure-GEMM replay (one
+// GEMM per convolution), medians over rounds that run the three one after
+// the other, then the ratios of the best times; the arena each pass maps and
+// the page faults of one pass. Arg: rounds.
+void BM_NetworkTable(benchmark::State &state) {
+  openblas_set_num_threads(2);
+  const int rounds = static_cast<int>(state.range(0));
+  std::vector<float> scores(hseg::kNetScoreCount);
+  size_t arena = 0;
+  hseg::NetHooks exact;
+  exact.user = &arena;
+  exact.alloc = [](void *user, size_t bytes, const char *) {
+    *static_cast<size_t *>(user) = bytes;
+    return hseg::net_arena_map(bytes);
+  };
+  exact.release = [](void *user, void *p) { hseg::net_arena_unmap(p, *static_cast<size_t *>(user)); };
+  hseg::NetHooks fast = exact;
+  fast.winograd = true;
+  fast.filters = &hseg::net_filter_cache();
+  auto pass = [&](const hseg::NetHooks &hooks) {
+    return hseg_bench::measure([&] {
+      hseg::net_forward(image().data(), kPitch, scores.data(), hseg::net_linked_weights(), &hooks);
+    });
+  };
+  const std::vector<GemmCall> gemms = hseg_bench::whole_layer_gemms();
+  std::vector<double> exact_s, fast_s, replay_s;
+  hseg_bench::CallCost exact_cost, fast_cost;
+  size_t exact_arena = 0;
+  for (auto _ : state) {
+    pass(exact);  // the first pass faults the weights in
+    exact_cost = pass(exact);
+    exact_arena = arena;
+    pass(fast);  // makes the filters
+    fast_cost = pass(fast);
+    for (int r = 0; r < rounds; ++r) {
+      replay_s.push_back(hseg_bench::replay(gemms, real_sgemm()));
+      exact_s.push_back(pass(exact).seconds);
+      fast_s.push_back(pass(fast).seconds);
+    }
+  }
+  const double e = hseg_bench::median(exact_s), q = hseg_bench::median(fast_s),
+               r = hseg_bench::median(replay_s);
+  std::printf("\nNetwork pass, 2 OpenBLAS threads, medians of %d rounds; load average %.2f at the "
+              "end; transparent huge pages: %s\n", rounds, hseg_bench::load_average(),
+              hseg_bench::huge_page_mode().c_str());
+  const double be = hseg_bench::best(exact_s), bq = hseg_bench::best(fast_s);
+  std::printf("%8s %8s %10s %13s %10s %18s %18s %22s\n", "exact s", "fast s", "replay s",
+              "exact/replay", "fast/exact", "arena MB exact/fast", "faults exact/fast",
+              "best: exact/rep fast/ex");
+  std::printf("%8.3f %8.3f %10.3f %13.3f %10.3f %9.1f / %-8.1f %8ld / %-8ld %10.3f %10.3f\n\n", e,
+              q, r, e / r, q / e, exact_arena / 1e6, arena / 1e6, exact_cost.faults,
+              fast_cost.faults, be / hseg_bench::best(replay_s), bq / be);
+  state.counters["exact_per_replay"] = e / r;
+  state.counters["fast_per_exact"] = q / e;
+}
+BENCHMARK(BM_NetworkTable)->Arg(5)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Hseg on camera-sized frames: time per call, the share of each stage, and
-// the process's peak resident memory; and a 200-call soak that prints the
-// resident memory every 20 calls (it must stay flat).
+// the process's peak resident memory; a 200-call soak that prints the
+// resident memory every 20 calls (it must stay flat); then the table of the
+// exact and the fast network against the pure-GEMM bound (BM_HsegTable).
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "hseg/hseg.h"
+#include "net_measure.h"
 
 namespace {
 
@@ -63,28 +65,27 @@ void run(benchmark::State &state, const OffscreenImage &src) {
   state.counters["peak_rss_MB"] = static_cast<double>(ru.ru_maxrss) / 1024.0;
 }
 
-void BM_Hseg_BGR_1280x720(benchmark::State &state) {
-  std::vector<uint8_t> bgr = make_bgr(1280, 720);
-  OffscreenImage src{};
-  src.format = HSEG_PIXFMT_BGR24;
-  src.width = 1280;
-  src.height = 720;
-  src.planes[0] = bgr.data();
-  src.pitches[0] = 3 * 1280;
-  run(state, src);
-}
-
-// The frame of make_bgr as NV21 (full range): the luma plane, then V,U pairs.
-struct Nv21Frame {
+// A frame in its own buffer; `desc` points into `bytes`.
+struct Frame {
+  const char *name;
   std::vector<uint8_t> bytes;
   OffscreenImage desc{};
 };
 
-Nv21Frame make_nv21(int w, int h) {
-  const std::vector<uint8_t> bgr = make_bgr(w, h);
-  Nv21Frame f;
-  f.bytes.resize(size_t{1} * w * h * 3 / 2);
-  std::vector<uint8_t> &nv21 = f.bytes;
+Frame bgr_frame(int w, int h) {
+  Frame f{"BGR 1280x720", make_bgr(w, h), {}};
+  f.desc.format = HSEG_PIXFMT_BGR24;
+  f.desc.width = w;
+  f.desc.height = h;
+  f.desc.planes[0] = f.bytes.data();
+  f.desc.pitches[0] = 3 * w;
+  return f;
+}
+
+Frame nv21_frame(int w, int h) {
+  std::vector<uint8_t> bgr = make_bgr(w, h);
+  std::vector<uint8_t> nv21(size_t{1} * w * h * 3 / 2);
+  // Luma and V,U pairs from the BGR frame (full range).
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const uint8_t *p = &bgr[3 * (size_t{1} * y * w + x)];
@@ -96,20 +97,19 @@ Nv21Frame make_nv21(int w, int h) {
         vu[1] = static_cast<uint8_t>(128.0 + (p[0] - luma) / 1.773 + 0.5);
       }
     }
+  Frame f{"NV21 1920x1080", std::move(nv21), {}};
   f.desc.format = HSEG_PIXFMT_NV21;
   f.desc.width = w;
   f.desc.height = h;
-  f.desc.planes[0] = nv21.data();
-  f.desc.planes[1] = nv21.data() + size_t{1} * w * h;
+  f.desc.planes[0] = f.bytes.data();
+  f.desc.planes[1] = f.bytes.data() + size_t{1} * w * h;
   f.desc.pitches[0] = w;
   f.desc.pitches[1] = w;
   return f;
 }
 
-void BM_Hseg_NV21_1920x1080(benchmark::State &state) {
-  const Nv21Frame f = make_nv21(1920, 1080);
-  run(state, f.desc);
-}
+void BM_Hseg_BGR_1280x720(benchmark::State &state) { run(state, bgr_frame(1280, 720).desc); }
+void BM_Hseg_NV21_1920x1080(benchmark::State &state) { run(state, nv21_frame(1920, 1080).desc); }
 
 // Resident memory of this process now, in kB.
 int64_t resident_kb() {
@@ -126,9 +126,7 @@ int64_t resident_kb() {
 // differ from call to call. Prints the resident memory after every 20 calls;
 // rss_growth_kB is the change from call 20 to call 200.
 void BM_Hseg_Soak200(benchmark::State &state) {
-  const Nv21Frame nv21 = make_nv21(1920, 1080);
-  std::vector<uint8_t> bgr = make_bgr(1280, 720);
-  const OffscreenImage bgr_src{HSEG_PIXFMT_BGR24, 1280, 720, {bgr.data()}, {3 * 1280}};
+  const Frame nv21 = nv21_frame(1920, 1080), bgr = bgr_frame(1280, 720);
   std::vector<uint8_t> big(size_t{1920} * 1080), small(size_t{320} * 180);
   OffscreenImage big_dst{HSEG_PIXFMT_GRAY, 1920, 1080, {big.data()}, {1920}};
   OffscreenImage small_dst{HSEG_PIXFMT_GRAY, 320, 180, {small.data()}, {320}};
@@ -136,7 +134,7 @@ void BM_Hseg_Soak200(benchmark::State &state) {
   for (auto _ : state) {
     for (int call = 1; call <= 200; ++call) {
       const bool odd = call % 2 == 1;
-      if (Hseg(nullptr, odd ? &nv21.desc : &bgr_src, odd ? &big_dst : &small_dst, 0, 0) != HSEG_OK) {
+      if (Hseg(nullptr, odd ? &nv21.desc : &bgr.desc, odd ? &big_dst : &small_dst, 0, 0) != HSEG_OK) {
         state.SkipWithError("Hseg failed");
         return;
       }
@@ -154,6 +152,79 @@ void BM_Hseg_Soak200(benchmark::State &state) {
 
 }  // namespace
 
+// One call of the exact (Hseg) or the fast network (HsegEx) on `f` into a
+// mask of the frame's size.
+hseg_bench::CallCost call(const Frame &f, bool fast) {
+  std::vector<uint8_t> mask(size_t{1} * f.desc.width * f.desc.height);
+  OffscreenImage dst{HSEG_PIXFMT_GRAY, f.desc.width, f.desc.height, {mask.data()}, {f.desc.width}};
+  const HsegOptions options{sizeof(HsegOptions), HSEG_NETWORK_FAST, nullptr};
+  MRESULT s = HSEG_OK;
+  const hseg_bench::CallCost c = hseg_bench::measure(
+      [&] { s = fast ? HsegEx(nullptr, &f.desc, &dst, &options) : Hseg(nullptr, &f.desc, &dst, 0, 0); });
+  if (s != HSEG_OK) std::fprintf(stderr, "%s failed on %s: status %u\n", fast ? "HsegEx" : "Hseg", f.name, s);
+  return c;
+}
+
+// The summary table: per frame, the whole call of the exact and of the
+// fast network, the pure-GEMM replay of the pass (one GEMM per convolution),
+// their ratios, the process's peak resident set over one call and the page
+// faults of one call after the first. Arg: rounds; the times are medians
+// over rounds that run exact, fast and replay one after the other, so that
+// a busy machine slows all three alike; the ratios of the best times of the
+// rounds follow. Peaks and faults of the exact
+// network are measured before the fast network's filters exist in the
+// process; those of the fast network include them (643 MB).
+void BM_HsegTable(benchmark::State &state) {
+  const int rounds = static_cast<int>(state.range(0));
+  const Frame frames[2] = {bgr_frame(1280, 720), nv21_frame(1920, 1080)};
+  const std::vector<hseg_bench::GemmCall> gemms = hseg_bench::whole_layer_gemms();
+  hseg_bench::CallCost exact[2], fast[2], first_fast;
+  std::vector<double> exact_s[2], fast_s[2], replay_s;
+  for (auto _ : state) {
+    for (int f = 0; f < 2; ++f) {
+      call(frames[f], false);  // the first call in the process faults the weights in
+      exact[f] = call(frames[f], false);
+    }
+    for (int f = 0; f < 2; ++f) {
+      const hseg_bench::CallCost first = call(frames[f], true);  // the first makes the filters
+      if (f == 0) first_fast = first;
+      fast[f] = call(frames[f], true);
+    }
+    for (int r = 0; r < rounds; ++r) {
+      replay_s.push_back(hseg_bench::replay(gemms));
+      for (int f = 0; f < 2; ++f) {
+        exact_s[f].push_back(call(frames[f], false).seconds);
+        fast_s[f].push_back(call(frames[f], true).seconds);
+      }
+    }
+  }
+  const double replay = hseg_bench::median(replay_s);
+  std::printf("\nHseg, %d OpenBLAS threads, medians of %d rounds; load average %.2f at the end; "
+              "transparent huge pages: %s\n", openblas_get_num_threads(), rounds,
+              hseg_bench::load_average(), hseg_bench::huge_page_mode().c_str());
+  std::printf("%-16s %8s %8s %10s %13s %10s %20s %20s %22s\n", "frame", "exact s", "fast s",
+              "replay s", "exact/replay", "fast/exact", "peak MiB exact/fast",
+              "faults exact/fast", "best: exact/rep fast/ex");
+  for (int f = 0; f < 2; ++f) {
+    const double e = hseg_bench::median(exact_s[f]), q = hseg_bench::median(fast_s[f]);
+    const double be = hseg_bench::best(exact_s[f]), bq = hseg_bench::best(fast_s[f]);
+    std::printf("%-16s %8.3f %8.3f %10.3f %13.3f %10.3f %9.0f / %-8.0f %9ld / %-8ld %10.3f %10.3f\n",
+                frames[f].name, e, q, replay, e / replay, q / e, exact[f].peak_mib,
+                fast[f].peak_mib, exact[f].faults, fast[f].faults,
+                be / hseg_bench::best(replay_s), bq / be);
+    const std::string key = f == 0 ? "bgr720_" : "nv21_1080_";
+    state.counters[key + "exact_per_replay"] = e / replay;
+    state.counters[key + "fast_per_exact"] = q / e;
+    state.counters[key + "peak_MiB"] = exact[f].peak_mib;
+  }
+  std::printf("first fast call of the process (makes the filters): %.3f s, %ld faults\n\n",
+              first_fast.seconds, first_fast.faults);
+}
+
+}  // namespace
+
 BENCHMARK(BM_Hseg_BGR_1280x720)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(0.1);
 BENCHMARK(BM_Hseg_NV21_1920x1080)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(0.1);
 BENCHMARK(BM_Hseg_Soak200)->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);
+// After the three above, which run the exact network only.
+BENCHMARK(BM_HsegTable)->Arg(5)->Iterations(1)->Unit(benchmark::kSecond);

@@ -29,8 +29,11 @@ add_executable(hseg-weights
   tools/caffe_model.cpp
   tools/caffe_import.cpp
   tools/elf_symbols.cpp
+  src/pipeline/net_arena.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_kernels.cpp
+  src/pipeline/net_pool.cpp
+  src/pipeline/net_winograd.cpp
   src/pipeline/network.cpp)
 target_include_directories(hseg-weights PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/include
   ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_CURRENT_SOURCE_DIR}/tools ${OpenBLAS_INCLUDE_DIRS})

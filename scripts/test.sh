@@ -24,13 +24,13 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
 
-# ThreadSanitizer: only the two test programs it runs are built, on the
+# ThreadSanitizer: only the three test programs it runs are built, on the
 # Release build's weights file (so the weights are not made again).
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_TSAN=ON \
   -DHSEG_BUILD_TOOLS=OFF -DHSEG_WEIGHTS="$PWD/build/generated/synthetic.safetensors"
-cmake --build build-tsan -j"$jobs" --target crf_test segment_test
+cmake --build build-tsan -j"$jobs" --target crf_test segment_test network_test
 TSAN_OPTIONS=halt_on_error=1 \
-  ctest --test-dir build-tsan -R '^(crf_test|segment_threads_test)$' --output-on-failure -j"$jobs"
+  ctest --test-dir build-tsan -R '^(crf_test|segment_threads_test|net_pool_threads_test)$' --output-on-failure -j"$jobs"
 
 # Every parser of untrusted bytes, fuzzed for a minute each.
 if command -v clang++ >/dev/null 2>&1; then

@@ -1,4 +1,4 @@
-// The example photograph as the network's 473x473 BGR input, for the network
+// The example pictures as the network's 473x473 BGR input, for the network
 // tests and benchmark. HSEG_EXAMPLES_DIR is set by the build.
 #ifndef HSEG_TESTS_NETWORK_TEST_IMAGE_H_
 #define HSEG_TESTS_NETWORK_TEST_IMAGE_H_
@@ -13,12 +13,12 @@
 
 namespace hseg_test {
 
-// examples/astronaut.png, bilinearly resampled to 473x473 and stored as BGR
-// rows `pitch` bytes apart; the bytes past each row hold `pad`. Empty when
-// the picture cannot be read.
-inline std::vector<uint8_t> astronaut_bgr(int pitch, uint8_t pad = 0) {
+// examples/<name>, bilinearly resampled to 473x473 and stored as BGR rows
+// `pitch` bytes apart; the bytes past each row hold `pad`. Empty when the
+// picture cannot be read.
+inline std::vector<uint8_t> example_bgr(const char *name, int pitch, uint8_t pad = 0) {
   constexpr int kSize = 473;
-  const std::string path = std::string(HSEG_EXAMPLES_DIR) + "/astronaut.png";
+  const std::string path = std::string(HSEG_EXAMPLES_DIR) + "/" + name;
   int w = 0, h = 0, n = 0;
   unsigned char *rgb = stbi_load(path.c_str(), &w, &h, &n, 3);
   if (rgb == nullptr) return {};
@@ -42,6 +42,11 @@ inline std::vector<uint8_t> astronaut_bgr(int pitch, uint8_t pad = 0) {
   }
   stbi_image_free(rgb);
   return bgr;
+}
+
+// The example photograph, a person: examples/astronaut.png.
+inline std::vector<uint8_t> astronaut_bgr(int pitch, uint8_t pad = 0) {
+  return example_bgr("astronaut.png", pitch, pad);
 }
 
 }  // namespace hseg_test

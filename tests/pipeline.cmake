@@ -6,6 +6,8 @@ hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
 target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
+# The fast network's Winograd convolution and filter cache, without passes.
+hseg_add_test(net_winograd_test LIBS hseg_pipeline SOURCES net_winograd_test.cpp)
 
 # The weights file reader on small files, and the hseg-weights program on the
 # build's weights file and data library, and on small generated data libraries.
@@ -44,16 +46,19 @@ add_dependencies(caffe_import_test hseg-weights)
 # ---- end of network pass ----
 
 # ---- segmentation entry ----
-# Runs the full pipeline a few times (seconds each), four at once in the
-# threaded test.
-hseg_add_test(segment_test LIBS hseg_pipeline SOURCES segment_test.cpp)
-# Under ThreadSanitizer the test script runs the lattice tests (crf_test) and
-# only the threaded test of the stages around the network: a network pass
-# takes minutes there, and OpenBLAS, which is not instrumented, synchronises
-# its worker threads in ways the sanitizer cannot see.
+# Runs the full pipeline, exact and fast, about twenty times (seconds each),
+# eight of them four at once in the threaded tests.
+hseg_add_test(segment_test LIBS hseg_pipeline stb SOURCES segment_test.cpp)
+target_compile_definitions(segment_test PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
+# Under ThreadSanitizer the test script runs the lattice tests (crf_test), the
+# network's thread pool alone, and only the threaded test of the stages around
+# the network: a network pass takes minutes there, and OpenBLAS, which is not
+# instrumented, synchronises its worker threads in ways the sanitizer cannot
+# see.
 if(HSEG_TSAN)
   add_test(NAME segment_threads_test
            COMMAND segment_test --gtest_filter=AroundTheNetwork.FourThreadsGiveTheSerialMasks)
+  add_test(NAME net_pool_threads_test COMMAND network_test --gtest_filter=NetPool.*)
 endif()
 if(TARGET hseg-segment)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)

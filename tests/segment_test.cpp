@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <iterator>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "hseg/hseg.h"
+#include "network_test_image.h"
 #include "pipeline/segment_internal.h"
 #include "support/alloc_hooks.h"
 #include "support/guarded.h"
@@ -322,6 +324,32 @@ TEST(HsegArguments, BadArgumentsFailBeforeAnyAllocation) {
   EXPECT_EQ(dst_bytes, std::vector<uint8_t>(100, kCanary));
 }
 
+// HsegEx's options: a size below the first version's or an unknown network
+// gives 2 before anything is allocated; fields past the caller's size keep
+// their defaults, so a first-version record never has its stage times read.
+TEST(HsegOptions, BadRecordsFailAndShortRecordsKeepDefaults) {
+  std::vector<uint8_t> pixels(3 * 500 * 500, 0), dst_bytes(100, kCanary);
+  OffscreenImage src{HSEG_PIXFMT_BGR24, 500, 500, {pixels.data()}, {1500}};
+  OffscreenImage dst{HSEG_PIXFMT_GRAY, 10, 10, {dst_bytes.data()}, {10}};
+  const HsegOptions bad[] = {{0, HSEG_NETWORK_EXACT, nullptr}, {7, HSEG_NETWORK_EXACT, nullptr},
+                             {sizeof(HsegOptions), 2, nullptr}, {8, 0xFFFFFFFFu, nullptr}};
+  for (const HsegOptions &o : bad) {
+    hseg_test::alloc_reset();
+    EXPECT_EQ(HsegEx(nullptr, &src, &dst, &o), HSEG_ERR_BAD_ARGUMENT) << o.size << " " << o.network;
+    EXPECT_EQ(hseg_test::alloc_calls(), 0);
+  }
+  EXPECT_EQ(dst_bytes, std::vector<uint8_t>(100, kCanary));
+  HsegStageTimes times;
+  HsegOptions in{8, HSEG_NETWORK_FAST, &times}, out;
+  ASSERT_EQ(hseg::read_options(&in, &out), HSEG_OK);
+  EXPECT_TRUE(out.network == HSEG_NETWORK_FAST && out.times == nullptr);
+  in.size = sizeof in + 8;  // a later version's record: read as far as known
+  ASSERT_EQ(hseg::read_options(&in, &out), HSEG_OK);
+  EXPECT_TRUE(out.times == &times && out.size == sizeof out);
+  ASSERT_EQ(hseg::read_options(nullptr, &out), HSEG_OK);
+  EXPECT_TRUE(out.network == HSEG_NETWORK_EXACT && out.times == nullptr);
+}
+
 // ---------------------------------------------------------------------------
 // The stages around a stand-in network
 // ---------------------------------------------------------------------------
@@ -503,35 +531,76 @@ TEST_F(AroundTheNetwork, SmallSourceIsNotEnlarged) {
 }
 
 // ---------------------------------------------------------------------------
-// End to end on the built-in weights: four serial passes, one per format, then
-// the same four at once. Each pass takes seconds.
+// End to end on the built-in weights: each format serially through Hseg and
+// the fast network, then the same at once on four threads. Each pass takes
+// seconds.
 // ---------------------------------------------------------------------------
 
-TEST(HsegEndToEnd, FormatsAgreeAndFourThreadsGiveTheSerialMasks) {
+// Share of equal pixels of two masks.
+double agreement(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b) {
+  size_t same = 0;
+  for (size_t i = 0; i < a.size(); ++i) same += a[i] == b[i];
+  return static_cast<double>(same) / static_cast<double>(a.size());
+}
+
+TEST(HsegEndToEnd, FormatsAgreeFastAgreesAndFourThreadsGiveTheSerialMasks) {
   const uint32_t formats[4] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_I420, HSEG_PIXFMT_NV21};
+  const HsegOptions fast{sizeof(HsegOptions), HSEG_NETWORK_FAST, nullptr};
   const Scene scene;
   std::vector<Frame> frames;
-  std::vector<std::vector<uint8_t>> serial;
+  std::vector<std::vector<uint8_t>> exact, quick;
   for (uint32_t f : formats) {
     frames.push_back(make_frame(scene, f));
-    Mask mask(Scene::kW, Scene::kH, Scene::kW + 4);
+    Mask mask(Scene::kW, Scene::kH, Scene::kW + 4), fast_mask = mask;
     ASSERT_EQ(Hseg(nullptr, &frames.back().desc, &mask.desc, 0, 0), HSEG_OK) << std::hex << f;
-    serial.push_back(mask.packed());
-    EXPECT_TRUE(binary(serial.back())) << std::hex << f;
-    size_t same = 0;
-    for (size_t i = 0; i < serial[0].size(); ++i) same += serial.back()[i] == serial[0][i];
-    EXPECT_GE(same * 100, serial[0].size() * 99) << "format " << std::hex << f << " agrees with BGR on "
-                                                 << std::dec << same << " pixels";
+    ASSERT_EQ(HsegEx(nullptr, &frames.back().desc, &fast_mask.desc, &fast), HSEG_OK) << std::hex << f;
+    exact.push_back(mask.packed());
+    quick.push_back(fast_mask.packed());
+    EXPECT_TRUE(binary(exact.back()) && binary(quick.back())) << std::hex << f;
+    EXPECT_GE(agreement(exact.back(), exact[0]), 0.99) << "format " << std::hex << f << " against BGR";
+    const double a = agreement(exact.back(), quick.back());
+    std::printf("format %#x: fast and exact masks agree on %.3f%% of the pixels\n", f, 100 * a);
+    EXPECT_GE(a, 0.995) << "format " << std::hex << f;
   }
-  std::vector<Mask> masks(4, Mask(Scene::kW, Scene::kH, Scene::kW + 4));
-  MRESULT status[4] = {1, 1, 1, 1};
+  // A null options record is Hseg, and so is a first-version record.
+  Mask null_options(Scene::kW, Scene::kH, Scene::kW), first_version = null_options;
+  const HsegOptions v1{8, HSEG_NETWORK_EXACT, nullptr};
+  ASSERT_EQ(HsegEx(nullptr, &frames[0].desc, &null_options.desc, nullptr), HSEG_OK);
+  ASSERT_EQ(HsegEx(nullptr, &frames[0].desc, &first_version.desc, &v1), HSEG_OK);
+  EXPECT_TRUE(null_options.packed() == exact[0] && first_version.packed() == exact[0]);
+
+  // Thread k runs format k through the fast network, then through Hseg.
+  std::vector<Mask> fast_masks(4, Mask(Scene::kW, Scene::kH, Scene::kW + 4)), masks = fast_masks;
+  MRESULT status[4][2] = {{1, 1}, {1, 1}, {1, 1}, {1, 1}};
   std::vector<std::thread> threads;
   for (int k = 0; k < 4; ++k)
-    threads.emplace_back([&, k] { status[k] = Hseg(nullptr, &frames[k].desc, &masks[k].desc, 0, 0); });
+    threads.emplace_back([&, k] {
+      status[k][0] = HsegEx(nullptr, &frames[k].desc, &fast_masks[k].desc, &fast);
+      status[k][1] = Hseg(nullptr, &frames[k].desc, &masks[k].desc, 0, 0);
+    });
   for (auto &t : threads) t.join();
   for (int k = 0; k < 4; ++k) {
-    EXPECT_EQ(status[k], HSEG_OK);
-    EXPECT_TRUE(masks[k].packed() == serial[k]) << "thread " << k;
+    EXPECT_TRUE(status[k][0] == HSEG_OK && status[k][1] == HSEG_OK) << "thread " << k;
+    EXPECT_TRUE(fast_masks[k].packed() == quick[k]) << "thread " << k << ", fast network";
+    EXPECT_TRUE(masks[k].packed() == exact[k]) << "thread " << k;
+  }
+}
+
+// The example pictures through both networks: the photograph of a person
+// and one without.
+TEST(HsegEndToEnd, FastAgreesOnTheExamplePictures) {
+  for (const char *name : {"astronaut.png", "coffee.png"}) {
+    const std::vector<uint8_t> bgr = hseg_test::example_bgr(name, 3 * kNetSide);
+    ASSERT_FALSE(bgr.empty()) << "cannot read examples/" << name;
+    const OffscreenImage src{HSEG_PIXFMT_BGR24, kNetSide, kNetSide,
+                             {const_cast<uint8_t *>(bgr.data())}, {3 * kNetSide}};
+    Mask exact(kNetSide, kNetSide, kNetSide), fast = exact;
+    const HsegOptions options{sizeof(HsegOptions), HSEG_NETWORK_FAST, nullptr};
+    ASSERT_EQ(Hseg(nullptr, &src, &exact.desc, 0, 0), HSEG_OK);
+    ASSERT_EQ(HsegEx(nullptr, &src, &fast.desc, &options), HSEG_OK);
+    const double a = agreement(exact.packed(), fast.packed());
+    std::printf("%s: fast and exact masks agree on %.3f%% of the pixels\n", name, 100 * a);
+    EXPECT_GE(a, 0.995) << name;
   }
 }
 

@@ -78,6 +78,9 @@ const char kUsage[] =
     "      --time           print the time of each stage (resize, network, CRF,\n"
     "                       final resize) and the total; for several frames,\n"
     "                       the mean per frame.\n"
+    "      --fast           use the fast network: about half the network's time\n"
+    "                       once the first frame has prepared it; the masks may\n"
+    "                       differ from the exact network's in a few pixels.\n"
     "  -h, --help           print this help and exit.\n"
     "\n"
     "When several raw frames give PNG files (mask, cut-out, overlay), the\n"
@@ -122,6 +125,7 @@ struct Options {
   RawFormat raw = RawFormat::kNone;
   Size raw_size;
   bool time = false;
+  bool fast = false;
   bool help = false;
 };
 
@@ -207,12 +211,12 @@ int parse_args(int argc, char **argv, Options *opt) {
       opt->help = true;
       continue;
     }
-    if (arg == "--time") {
+    if (arg == "--time" || arg == "--fast") {
       if (has_inline_value) {
-        complain("option --time takes no value");
+        complain("option %s takes no value", arg.c_str());
         return kExitUsage;
       }
-      opt->time = true;
+      (arg == "--time" ? opt->time : opt->fast) = true;
       continue;
     }
     const bool takes_value = arg == "-o" || arg == "--mask" || arg == "--cutout" ||
@@ -631,7 +635,9 @@ class Segmenter {
     mask_.assign(size_t{1} * mask_size_.w * mask_size_.h, 0);
     OffscreenImage dst = packed_image(HSEG_PIXFMT_GRAY, mask_size_, mask_.data(), 1);
     HsegStageTimes t{};
-    const MRESULT s = HsegTimed(nullptr, &net_src, &dst, 0, 0, &t);
+    const HsegOptions options{sizeof(HsegOptions), opt_.fast ? HSEG_NETWORK_FAST : HSEG_NETWORK_EXACT,
+                              &t};
+    const MRESULT s = HsegEx(nullptr, &net_src, &dst, &options);
     if (s != HSEG_OK) return library_failed("segmentation", s);
     totals_.frames += 1;
     totals_.resize += t.resize;
@@ -698,7 +704,7 @@ bool commit(OutputSet &outputs) {
   return false;
 }
 
-void print_times(const Totals &t) {
+void print_times(const Totals &t, bool fast) {
   if (t.frames == 0) return;
   const double k = 1000.0 / static_cast<double>(t.frames);
   if (t.frames == 1)
@@ -707,7 +713,7 @@ void print_times(const Totals &t) {
     std::printf("stage times (ms, mean of %" PRId64 " frames):\n", t.frames);
   if (t.enlarged) std::printf("  enlarge       %10.1f\n", t.enlarge * k);
   std::printf("  resize        %10.1f\n", t.resize * k);
-  std::printf("  network       %10.1f\n", t.network * k);
+  std::printf("  network       %10.1f  (%s network)\n", t.network * k, fast ? "fast" : "exact");
   std::printf("  crf           %10.1f\n", t.crf * k);
   std::printf("  final resize  %10.1f\n", t.final_resize * k);
   std::printf("  total         %10.1f\n", (t.total + t.enlarge) * k);
@@ -730,7 +736,7 @@ int run_picture(const Options &opt) {
   OutputSet outputs;
   Segmenter seg(opt, pic.size, 1, outputs, nullptr);
   if (!seg.run(pic.describe(), &pic, 0) || !commit(outputs)) return kExitFailed;
-  if (opt.time) print_times(seg.totals());
+  if (opt.time) print_times(seg.totals(), opt.fast);
   return kExitOk;
 }
 
@@ -814,7 +820,7 @@ int run_raw(const Options &opt) {
     ok = false;
   }
   if (!ok || !commit(outputs)) return kExitFailed;
-  if (opt.time) print_times(totals);
+  if (opt.time) print_times(totals, opt.fast);
   return kExitOk;
 }
 

@@ -8,13 +8,14 @@ namespace hseg {
 
 namespace {
 
-// Calls body(c, plane) for every input channel c in order, with the first
-// value of its plane, walking the sources one after the other.
+// Calls body(plane) for every input channel in order, with its size x size
+// plane, of which rows [y0, y1) are what output rows [row0, row1) read.
 template <typename Body>
-void for_each_plane(const NetSources &in, size_t plane, Body body) {
-  int c = 0;
-  for (int s = 0; s < in.count; ++s)
-    for (int k = 0; k < in.channels[s]; ++k, ++c) body(c, in.data[s] + k * plane);
+void for_each_plane(const NetSources &in, const NetConvGeom &g, int row0, int row1, Body body) {
+  const int y0 = std::max(0, row0 * g.stride - g.pad);
+  const int y1 = std::min(g.size, (row1 - 1) * g.stride - g.pad + (g.kernel - 1) * g.dilation + 1);
+  float scratch[NetSources::kMaxResizedSize * NetSources::kMaxResizedSize];
+  for (int c = 0; c < g.channels; ++c) body(net_source_plane(in, c, g.size, y0, y1, scratch));
 }
 
 // Output columns [*lo, *hi) whose input column ow*stride + x0 lies in
@@ -37,7 +38,7 @@ void im2col_rows_same(const NetSources &in, const NetConvGeom &g, int row0, int 
                       float *col) {
   const int w = g.size;
   const size_t band = static_cast<size_t>(row1 - row0) * w;
-  for_each_plane(in, static_cast<size_t>(w) * w, [&](int, const float *src_plane) {
+  for_each_plane(in, g, row0, row1, [&](const float *src_plane) {
     for (int kh = 0; kh < g.kernel; ++kh) {
       const int y0 = kh * g.dilation - g.pad;  // ih = oh + y0
       const int a = std::min(row1, std::max(row0, -y0));
@@ -81,18 +82,18 @@ inline __attribute__((always_inline)) void bn_band(float *data, int64_t row_len,
   }
 }
 
-inline __attribute__((always_inline)) void bn_add_relu_band(float *data, const float *shortcut,
-                                                            int64_t row_len, int channels,
-                                                            int64_t col0, int64_t col1,
+inline __attribute__((always_inline)) void bn_add_relu_band(const float *y, int64_t y_row_len,
+                                                            float *sum, int64_t sum_row_len,
+                                                            int channels, int64_t count,
                                                             const NetBn &bn) {
   for (int c = 0; c < channels; ++c) {
-    float *__restrict p = data + c * row_len;
-    const float *__restrict q = shortcut + c * row_len;
+    const float *__restrict p = y + c * y_row_len;
+    float *__restrict q = sum + c * sum_row_len;
     const float m = bn.mean[c], r = bn.inv_std[c], s = bn.scale[c], b = bn.shift[c];
-    for (int64_t i = col0; i < col1; ++i) {
-      const float y = ((p[i] - m) * r) * s + b;
-      const float sum = (0.0f + q[i]) + y;
-      p[i] = 0.0f < sum ? sum : 0.0f;
+    for (int64_t i = 0; i < count; ++i) {
+      const float v = ((p[i] - m) * r) * s + b;
+      const float total = (0.0f + q[i]) + v;
+      q[i] = 0.0f < total ? total : 0.0f;
     }
   }
 }
@@ -103,7 +104,7 @@ void net_im2col_rows_ref(const NetSources &in, const NetConvGeom &g, int row0, i
                          float *col) {
   const int ow_n = g.out_size;
   const size_t band = static_cast<size_t>(row1 - row0) * ow_n;
-  for_each_plane(in, static_cast<size_t>(g.size) * g.size, [&](int, const float *src_plane) {
+  for_each_plane(in, g, row0, row1, [&](const float *src_plane) {
     for (int kh = 0; kh < g.kernel; ++kh) {
       for (int kw = 0; kw < g.kernel; ++kw, col += band) {
         const int x0 = kw * g.dilation - g.pad;
@@ -144,6 +145,51 @@ void net_im2col_rows(const NetSources &in, const NetConvGeom &g, int row0, int r
     net_im2col_rows_ref(in, g, row0, row1, col);
 }
 
+const float *net_source_plane(const NetSources &in, int c, int size, int y0, int y1,
+                             float *scratch) {
+  int s = 0;
+  while (s + 1 < in.count && c >= in.channels[s]) c -= in.channels[s++];
+  const int n = in.resized_from[s];
+  if (n == 0) return in.data[s] + static_cast<size_t>(c) * size * size;
+  net_interp_rows(in.data[s] + static_cast<size_t>(c) * n * n, n, n, size, size, y0,
+                  std::max(y0, y1), scratch);
+  return scratch;
+}
+
+void net_interp_rows(const float *in, int in_h, int in_w, int out_h, int out_w, int y0, int y1,
+                     float *out) {
+  if (in_h == out_h && in_w == out_w) {
+    std::memcpy(out + static_cast<size_t>(y0) * out_w, in + static_cast<size_t>(y0) * in_w,
+                static_cast<size_t>(y1 - y0) * out_w * sizeof(float));
+    return;
+  }
+  // The sample below destination d and the weights of it and the next one,
+  // as ly_interp forms them.
+  struct Tap {
+    int index, step;
+    float lambda1, lambda0;
+  };
+  auto tap = [](float ratio, int d, int size) {
+    const float r = ratio * static_cast<float>(d);
+    const int i = std::min(static_cast<int>(r), size - 1);
+    const float l1 = r - static_cast<float>(i);
+    return Tap{i, i < size - 1 ? 1 : 0, l1, 1.0f - l1};
+  };
+  const float rh = out_h != 1 ? static_cast<float>(in_h - 1) / static_cast<float>(out_h - 1) : 0.0f;
+  const float rw = out_w != 1 ? static_cast<float>(in_w - 1) / static_cast<float>(out_w - 1) : 0.0f;
+  for (int y = y0; y < y1; ++y) {
+    const Tap h = tap(rh, y, in_h);
+    float *dst = out + static_cast<size_t>(y) * out_w;
+    for (int x = 0; x < out_w; ++x) {
+      const Tap w = tap(rw, x, in_w);
+      const float *q = in + static_cast<size_t>(h.index) * in_w + w.index;
+      const int down = h.step * in_w;
+      dst[x] = (q[down + w.step] * w.lambda1 + q[down] * w.lambda0) * h.lambda1 +
+               (q[w.step] * w.lambda1 + q[0] * w.lambda0) * h.lambda0;
+    }
+  }
+}
+
 void net_bn_inv_std(const float *variance, float eps, int channels, float *inv_std) {
   for (int c = 0; c < channels; ++c) {
     const float v = variance[c] + eps;
@@ -178,23 +224,25 @@ void net_bn_band(float *data, int64_t row_len, int channels, int64_t col0, int64
     net_bn_band_generic(data, row_len, channels, col0, col1, bn, relu);
 }
 
-void net_bn_add_relu_band_generic(float *data, const float *shortcut, int64_t row_len,
-                                  int channels, int64_t col0, int64_t col1, const NetBn &bn) {
-  bn_add_relu_band(data, shortcut, row_len, channels, col0, col1, bn);
+void net_bn_add_relu_band_generic(const float *y, int64_t y_row_len, float *sum,
+                                  int64_t sum_row_len, int channels, int64_t count,
+                                  const NetBn &bn) {
+  bn_add_relu_band(y, y_row_len, sum, sum_row_len, channels, count, bn);
 }
 
-__attribute__((target("avx2"))) void net_bn_add_relu_band_avx2(
-    float *data, const float *shortcut, int64_t row_len, int channels, int64_t col0,
-    int64_t col1, const NetBn &bn) {
-  bn_add_relu_band(data, shortcut, row_len, channels, col0, col1, bn);
+__attribute__((target("avx2"))) void net_bn_add_relu_band_avx2(const float *y, int64_t y_row_len,
+                                                               float *sum, int64_t sum_row_len,
+                                                               int channels, int64_t count,
+                                                               const NetBn &bn) {
+  bn_add_relu_band(y, y_row_len, sum, sum_row_len, channels, count, bn);
 }
 
-void net_bn_add_relu_band(float *data, const float *shortcut, int64_t row_len, int channels,
-                          int64_t col0, int64_t col1, const NetBn &bn) {
+void net_bn_add_relu_band(const float *y, int64_t y_row_len, float *sum, int64_t sum_row_len,
+                          int channels, int64_t count, const NetBn &bn) {
   if (net_have_avx2())
-    net_bn_add_relu_band_avx2(data, shortcut, row_len, channels, col0, col1, bn);
+    net_bn_add_relu_band_avx2(y, y_row_len, sum, sum_row_len, channels, count, bn);
   else
-    net_bn_add_relu_band_generic(data, shortcut, row_len, channels, col0, col1, bn);
+    net_bn_add_relu_band_generic(y, y_row_len, sum, sum_row_len, channels, count, bn);
 }
 
 void net_avg_pool_tiled(const float *input, int channels, int size, int window, float *output) {

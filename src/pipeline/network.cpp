@@ -11,15 +11,24 @@
 // stride-1 convolution as one GEMM straight on its input, and any other
 // convolution in bands of output rows: one GEMM per band on a band-sized
 // column copy. Batch norm, ReLU and the residual sum follow in one pass over
-// each band (the block's sum lands in the increase convolution's output), and
-// conv5_4's column copy reads conv5_3 and the pyramid branches where they lie
-// instead of a concatenation. Every float operation is the one the plain
-// route performs, in the same order: OpenBLAS computes each output element
-// over the whole K in the same order whatever the number of columns it is
-// given, and the finishes repeat ly_bn_frozen, ly_etlwise_sum and
-// ly_relu_float element by element.
+// each band (the block's sum lands in its shortcut, in place), and conv5_4's
+// column copy reads conv5_3 and the pyramid branches where they lie, resizing
+// the branches' rows as it needs them, instead of a concatenation. Every
+// float operation is the one the plain route performs, in the same order:
+// OpenBLAS computes each output element over the whole K in the same order
+// whatever the number of columns it is given, and the finishes repeat
+// ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
 //
-// Tensors are released after their last use; the scores do not depend on it.
+// The fast network (NetHooks::winograd) is the fast route with its stride-1
+// 3x3 convolutions by Winograd minimal filtering (net_winograd.h); its scores
+// differ from the exact ones in their rounding.
+//
+// The fast route takes all its memory as one arena before its first matrix
+// product (sized by a dry run of the same pass, see net_arena.h) and releases
+// each tensor to it after its last use. The work between the matrix products
+// (column copies, finishes, pooling, resizes) is split by channel over the
+// threads of the pool (net_pool.h); each channel's arithmetic is unchanged,
+// so the scores do not depend on the number of threads.
 #include "pipeline/network.h"
 
 #include <cblas.h>
@@ -31,8 +40,11 @@
 #include <cstring>
 
 #include "hseg/flatnn.h"
+#include "pipeline/net_arena.h"
 #include "pipeline/net_kernels.h"
 #include "pipeline/net_layers.h"
+#include "pipeline/net_pool.h"
+#include "pipeline/net_winograd.h"
 
 namespace hseg {
 namespace {
@@ -48,14 +60,20 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // on 1800 columns than on a few hundred, so a band has at least
 // kMinBandColumns columns, or more rows when its column copy still fits in
 // kBandBytes (the stem's wide rows); but a column copy never takes more than
-// kMaxBandBytes (conv5_4's 36864-row copy gets 14 rows of 60 columns).
+// kMaxBandBytes: conv5_4's 36864-row copy gets 7 rows of 60 columns. That
+// keeps the pass's peak memory 60 MB below 14-row bands, at the cost of
+// OpenBLAS packing conv5_4's 75 MB kernel once more for each extra band.
 constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
-constexpr int64_t kMaxBandBytes = int64_t{128} << 20;
+constexpr int64_t kMaxBandBytes = int64_t{64} << 20;
 
-// At most this many blocks are held at once (the 156 tensors with keep_all;
-// a handful otherwise).
+// At most this many blocks are held at once by the plain route (the 156
+// tensors with keep_all; a handful otherwise).
 constexpr int kMaxHeld = 160;
+
+// Channel ranges per lane handed to the pool: a few, so that a lane slowed
+// by another process leaves its share to the others.
+constexpr int kTasksPerLane = 4;
 
 enum class Finish { kBnRelu, kBn, kBnAddRelu, kBias };
 
@@ -76,9 +94,11 @@ bool is_direct(const NetLayer &l) { return l.kernel == 1 && l.stride == 1 && l.p
 
 // Output rows per band of a convolution in the fast route. A direct one runs
 // as one GEMM: its finish then streams through whole planes, which is faster
-// than many short runs.
+// than many short runs. The increase convolution, which ends a block in place
+// on the shortcut through a band-sized product, takes kMinBandColumns.
 int64_t band_rows(const NetLayer &l) {
   const int64_t out = net_out_size(l);
+  if (l.role == NetRole::kIncrease) return std::min(out, (kMinBandColumns + out - 1) / out);
   if (is_direct(l)) return out;
   const int64_t row_bytes = int64_t{l.cin} * l.kernel * l.kernel * out * int64_t{sizeof(float)};
   int64_t rows = std::max((kMinBandColumns + out - 1) / out, kBandBytes / row_bytes);
@@ -86,30 +106,23 @@ int64_t band_rows(const NetLayer &l) {
   return std::min(rows, out);
 }
 
-// Bytes of the largest band's column copy: one buffer of this size serves
-// every convolution of the pass.
-size_t column_bytes() {
-  int64_t most = 0;
-  for (const NetLayer &l : kNetLayers) {
-    if (is_direct(l)) continue;
-    const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
-    most = std::max(most, k * band_rows(l) * net_out_size(l));
-  }
-  return static_cast<size_t>(most) * sizeof(float);
-}
-
 void *default_alloc(void *, size_t bytes, const char *) { return std::malloc(bytes); }
 void default_release(void *, void *ptr) { std::free(ptr); }
 
+// Offsets a batch norm's arrays to start at channel c0.
+NetBn bn_from(const NetBn &bn, int c0) {
+  return NetBn{bn.scale + c0, bn.shift + c0, bn.mean + c0, bn.inv_std + c0};
+}
+
+// One pass. The plain route takes every tensor through the hooks; the fast
+// route takes them from `arena`. A dry pass (fast route only) allocates what
+// the real one would and computes nothing.
 class Pass {
  public:
-  Pass(const float *const *weights, const NetHooks *hooks) : weights_(weights) {
-    if (hooks != nullptr) hooks_ = *hooks;
-    if (hooks_.conv_output != nullptr) hooks_.plain = true;
-    if (hooks_.alloc == nullptr || hooks_.release == nullptr) {
-      hooks_.alloc = default_alloc;
-      hooks_.release = default_release;
-    }
+  Pass(const float *const *weights, const NetHooks &hooks, NetArena *arena, bool dry,
+       const float *filters = nullptr)
+      : weights_(weights), hooks_(hooks), arena_(arena), dry_(dry), filters_(filters) {
+    lanes_ = hooks_.threads > 0 ? hooks_.threads : net_default_lanes();
   }
   ~Pass() {
     for (int i = 0; i < held_count_; ++i)
@@ -121,67 +134,81 @@ class Pass {
   MRESULT run(const uint8_t *bgr, int32_t pitch, float *scores);
 
  private:
-  MRESULT make(const char *what, int c, int h, int w, Tensor *t);
-  float *columns();
+  MRESULT make(const char *what, int c, int h, int w, Tensor *t, bool scratch = false);
   void drop(Tensor *t);
   void show(const char *name, const Tensor &t) const {
-    if (hooks_.tap != nullptr) hooks_.tap(hooks_.user, NetTap{name, t.data, t.c, t.h, t.w});
+    if (hooks_.tap != nullptr && !dry_) hooks_.tap(hooks_.user, NetTap{name, t.data, t.c, t.h, t.w});
   }
+  // Calls body(c0, c1) on ranges that split [0, channels), over the lanes.
+  template <typename Body>
+  void by_channels(int channels, const Body &body) const {
+    const int tasks = std::min(channels, lanes_ * kTasksPerLane);
+    net_parallel(lanes_, tasks, [&](int task) {
+      int c0, c1;
+      net_split(channels, tasks, task, &c0, &c1);
+      if (c0 < c1) body(c0, c1);
+    });
+  }
+  void im2col(const NetSources &in, const NetConvGeom &g, int row0, int row1, float *col) const;
+  void finish(int layer, Finish finish, const NetBn &bn, const float *product,
+              const Tensor &out, int64_t col0, int64_t col1) const;
   const float *weight(int layer, int part) const {
     return weights_[net_first_tensor(layer) + part];
   }
 
-  MRESULT conv(int layer, const Tensor &in, const char *name, Finish finish,
-               const Tensor *shortcut, Tensor *out) {
-    return conv(layer, &in, 1, name, finish, shortcut, out);
+  MRESULT conv(int layer, const Tensor &in, const char *name, Finish finish, Tensor *out,
+               bool scratch = false) {
+    return conv(layer, &in, 1, name, finish, out, scratch);
   }
   MRESULT conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
-               const Tensor *shortcut, Tensor *out);
+               Tensor *out, bool scratch = false);
   MRESULT conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out);
-  MRESULT conv_banded(int layer, const Tensor *in, int inputs, Finish finish,
-                      const Tensor *shortcut, const Tensor &out);
+  MRESULT conv_banded(int layer, const Tensor *in, int inputs, Finish finish, const Tensor &out);
+  MRESULT conv_winograd(int layer, const NetSources &sources, const Tensor &out);
+  void run_bands(int layer, const NetSources &sources, Finish finish, float *col,
+                 float *product, const Tensor &out);
   MRESULT block(int *layer, Tensor *x);
+  MRESULT max_pool(const Tensor &in, const Tensor &out) const;
   MRESULT pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int *count);
 
   const float *const *weights_;
   NetHooks hooks_;
+  NetArena *arena_;
+  bool dry_;
+  const float *filters_;  // the Winograd filters (the fast network), else null
+  int lanes_;
   void *held_[kMaxHeld] = {};
   int held_count_ = 0;
-  float *columns_ = nullptr;
 };
 
-// Allocates a c x h x w tensor and holds it until drop() or the end.
-MRESULT Pass::make(const char *what, int c, int h, int w, Tensor *t) {
+// Allocates a c x h x w tensor and holds it until drop() or the end. The
+// arena places `scratch` tensors (short-lived work buffers) at its top.
+MRESULT Pass::make(const char *what, int c, int h, int w, Tensor *t, bool scratch) {
   *t = Tensor{};
-  int slot = 0;  // the first free slot: released tensors leave theirs
-  while (slot < held_count_ && held_[slot] != nullptr) ++slot;
-  if (slot == kMaxHeld) return HSEG_ERR_NO_MEMORY;
   const size_t bytes = static_cast<size_t>(c) * h * w * sizeof(float);
-  void *p = hooks_.alloc(hooks_.user, bytes, what);
-  if (p == nullptr) return HSEG_ERR_NO_MEMORY;
-  held_[slot] = p;
-  held_count_ = std::max(held_count_, slot + 1);
+  void *p = nullptr;
+  if (arena_ != nullptr) {
+    p = arena_->take(bytes, scratch);  // sized by the dry run: fails only past kMaxBlocks
+    if (p == nullptr) return HSEG_ERR_NO_MEMORY;
+  } else {
+    int slot = 0;  // the first free slot: released tensors leave theirs
+    while (slot < held_count_ && held_[slot] != nullptr) ++slot;
+    if (slot == kMaxHeld) return HSEG_ERR_NO_MEMORY;
+    p = hooks_.alloc(hooks_.user, bytes, what);
+    if (p == nullptr) return HSEG_ERR_NO_MEMORY;
+    held_[slot] = p;
+    held_count_ = std::max(held_count_, slot + 1);
+  }
   *t = Tensor{static_cast<float *>(p), c, h, w};
   return HSEG_OK;
-}
-
-// The column buffer, allocated at its first use for the largest band of the
-// pass and reused by every convolution after it; its pages are touched only
-// as far as each band needs. Held like a tensor, released at the end.
-float *Pass::columns() {
-  if (columns_ == nullptr) {
-    Tensor t;
-    const size_t floats = column_bytes() / sizeof(float);
-    if (make("columns", 1, 1, static_cast<int>(floats), &t) != HSEG_OK) return nullptr;
-    columns_ = t.data;
-  }
-  return columns_;
 }
 
 // Releases a tensor after its last use (unless every tensor is kept).
 void Pass::drop(Tensor *t) {
   if (t->data == nullptr) return;
-  if (!hooks_.keep_all) {
+  if (arena_ != nullptr) {
+    arena_->give(t->data);
+  } else if (!hooks_.keep_all) {
     for (int i = held_count_ - 1; i >= 0; --i) {
       if (held_[i] == t->data) {
         hooks_.release(hooks_.user, held_[i]);
@@ -197,13 +224,13 @@ void Pass::drop(Tensor *t) {
 // input is `inputs` tensors read as their channel concatenation (one in the
 // plain route).
 MRESULT Pass::conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
-                   const Tensor *shortcut, Tensor *out) {
+                   Tensor *out, bool scratch) {
   const NetLayer &l = kNetLayers[layer];
   const int size = net_out_size(l);
-  MRESULT st = make(name, l.cout, size, size, out);
+  MRESULT st = make(name, l.cout, size, size, out, scratch);
   if (st != HSEG_OK) return st;
   return hooks_.plain ? conv_plain(layer, in[0], finish, *out)
-                      : conv_banded(layer, in, inputs, finish, shortcut, *out);
+                      : conv_banded(layer, in, inputs, finish, *out);
 }
 
 MRESULT Pass::conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out) {
@@ -224,25 +251,102 @@ MRESULT Pass::conv_plain(int layer, const Tensor &in, Finish finish, const Tenso
   return static_cast<MRESULT>(st);
 }
 
+// The band's column copy, split by input channel over the lanes.
+void Pass::im2col(const NetSources &in, const NetConvGeom &g, int row0, int row1,
+                  float *col) const {
+  const size_t rows_per_channel = static_cast<size_t>(g.kernel) * g.kernel;
+  const size_t band = static_cast<size_t>(row1 - row0) * g.out_size;
+  by_channels(g.channels, [&](int c0, int c1) {
+    NetConvGeom part = g;
+    part.channels = c1 - c0;
+    net_im2col_rows(net_sources_slice(in, c0, c1, g.size), part, row0, row1,
+                    col + c0 * rows_per_channel * band);
+  });
+}
+
+// What follows the matrix product, on columns [col0, col1) of `out`, split
+// by output channel over the lanes. The product is in `out`, except for the
+// end of a residual block, where it is in `product` (a band's columns only)
+// and `out` holds the shortcut.
+void Pass::finish(int layer, Finish finish, const NetBn &bn, const float *product,
+                  const Tensor &out, int64_t col0, int64_t col1) const {
+  const int64_t n = out.count() / out.c, band = col1 - col0;
+  const float *bias = finish == Finish::kBias ? weight(layer, 1) : nullptr;
+  by_channels(out.c, [&](int c0, int c1) {
+    float *data = out.data + c0 * n;
+    switch (finish) {
+      case Finish::kBnRelu:
+      case Finish::kBn:
+        net_bn_band(data, n, c1 - c0, col0, col1, bn_from(bn, c0), finish == Finish::kBnRelu);
+        break;
+      case Finish::kBnAddRelu:
+        net_bn_add_relu_band(product + c0 * band, band, data + col0, n, c1 - c0, band,
+                             bn_from(bn, c0));
+        break;
+      case Finish::kBias:
+        net_bias_band(data, n, c1 - c0, col0, col1, bias + c0);
+        break;
+    }
+  });
+}
+
+// A convolution in bands of output rows. For kBnAddRelu, `out` is the
+// block's shortcut, which the finish turns into the block's output in place;
+// the product of each band then goes to a band-sized buffer first.
 MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish,
-                          const Tensor *shortcut, const Tensor &out) {
+                          const Tensor &out) {
   const NetLayer &l = kNetLayers[layer];
   if (l.cout > kMaxChannels) return HSEG_ERR_BAD_ARGUMENT;  // not in the table
-  const NetConvGeom g{l.cin, in[0].h, l.kernel, l.stride, l.pad, l.dilation, out.h};
-  NetSources sources{inputs, {}, {}};
+  NetSources sources{inputs, {}, {}, {}};
   for (int i = 0; i < inputs; ++i) {
     sources.data[i] = in[i].data;
     sources.channels[i] = in[i].c;
+    sources.resized_from[i] = in[i].h == in[0].h ? 0 : in[i].h;  // a pyramid branch
   }
+  if (hooks_.winograd && net_winograd_layer(l)) return conv_winograd(layer, sources, out);
+  const int64_t band = band_rows(l) * out.w;
+  Tensor columns, product;  // a 1x1 convolution reads its input as it lies
+  MRESULT st = HSEG_OK;
+  if (!is_direct(l))
+    st = make("columns", 1, 1, static_cast<int>(int64_t{l.cin} * l.kernel * l.kernel * band),
+              &columns, true);
+  if (st == HSEG_OK && finish == Finish::kBnAddRelu)
+    st = make("product", l.cout, 1, static_cast<int>(band), &product, true);
+  if (st == HSEG_OK && !dry_) run_bands(layer, sources, finish, columns.data, product.data, out);
+  drop(&product);
+  drop(&columns);
+  return st;
+}
+
+// A stride-1 3x3 convolution of the fast network, batch norm and ReLU
+// (every such layer has them), by Winograd minimal filtering.
+MRESULT Pass::conv_winograd(int layer, const NetSources &sources, const Tensor &out) {
+  const NetLayer &l = kNetLayers[layer];
+  const NetWinograd w = net_winograd_plan(l.cin, l.cout, l.in_size, l.dilation);
+  Tensor v, m;
+  MRESULT st = make("winograd_v", 1, 1, static_cast<int>(w.v_floats()), &v, true);
+  if (st == HSEG_OK) st = make("winograd_m", 1, 1, static_cast<int>(w.m_floats()), &m, true);
+  if (st == HSEG_OK && !dry_) {
+    float inv_std[kMaxChannels];
+    net_bn_inv_std(weight(layer, 4), kBnEps, l.cout, inv_std);
+    const NetBn bn{weight(layer, 1), weight(layer, 2), weight(layer, 3), inv_std};
+    net_winograd_conv(w, sources, filters_ + NetFilterCache::offset(layer), &bn, out.data,
+                      v.data, m.data, lanes_);
+  }
+  drop(&m);
+  drop(&v);
+  return st;
+}
+
+// The bands of conv_banded: column copy (unless `col` is null), one GEMM
+// into `out` or `product`, finish.
+void Pass::run_bands(int layer, const NetSources &sources, Finish finish, float *col,
+                     float *product, const Tensor &out) {
+  const NetLayer &l = kNetLayers[layer];
+  const NetConvGeom g{l.cin, l.in_size, l.kernel, l.stride, l.pad, l.dilation, out.h};
   const int64_t n = int64_t{out.h} * out.w;
   const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
-  const bool direct = is_direct(l);
   const int64_t rows = band_rows(l);
-  float *col = nullptr;
-  if (!direct) {
-    col = columns();
-    if (col == nullptr) return HSEG_ERR_NO_MEMORY;
-  }
   float inv_std[kMaxChannels];
   NetBn bn{};
   if (finish != Finish::kBias) {
@@ -252,30 +356,20 @@ MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish
   for (int row0 = 0; row0 < out.h; row0 += static_cast<int>(rows)) {
     const int row1 = static_cast<int>(std::min<int64_t>(out.h, row0 + rows));
     const int64_t col0 = int64_t{row0} * out.w, col1 = int64_t{row1} * out.w;
-    const float *b = in[0].data + col0;
+    const float *b = sources.data[0] + col0;
     int64_t ldb = n;
-    if (!direct) {
-      net_im2col_rows(sources, g, row0, row1, col);
+    if (col != nullptr) {
+      im2col(sources, g, row0, row1, col);
       b = col;
       ldb = col1 - col0;
     }
+    float *c = product != nullptr ? product : out.data + col0;
+    const int64_t ldc = product != nullptr ? col1 - col0 : n;
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, l.cout, static_cast<int>(col1 - col0),
                 static_cast<int>(k), 1.0f, weight(layer, 0), static_cast<int>(k), b,
-                static_cast<int>(ldb), 0.0f, out.data + col0, static_cast<int>(n));
-    switch (finish) {
-      case Finish::kBnRelu:
-      case Finish::kBn:
-        net_bn_band(out.data, n, l.cout, col0, col1, bn, finish == Finish::kBnRelu);
-        break;
-      case Finish::kBnAddRelu:
-        net_bn_add_relu_band(out.data, shortcut->data, n, l.cout, col0, col1, bn);
-        break;
-      case Finish::kBias:
-        net_bias_band(out.data, n, l.cout, col0, col1, weight(layer, 1));
-        break;
-    }
+                static_cast<int>(ldb), 0.0f, c, static_cast<int>(ldc));
+    this->finish(layer, finish, bn, product, out, col0, col1);
   }
-  return HSEG_OK;
 }
 
 // One bottleneck block from *layer (its reduce layer) on *x, which it
@@ -290,44 +384,61 @@ MRESULT Pass::block(int *layer, Tensor *x) {
                 kNetLayers[i].name);
 
   Tensor reduce, mid, increase, proj, sum;
-  MRESULT st = conv(i, *x, kNetLayers[i].name, Finish::kBnRelu, nullptr, &reduce);
-  if (st == HSEG_OK) st = conv(i + 1, reduce, kNetLayers[i + 1].name, Finish::kBnRelu, nullptr, &mid);
+  MRESULT st = conv(i, *x, kNetLayers[i].name, Finish::kBnRelu, &reduce, true);
+  if (st == HSEG_OK) st = conv(i + 1, reduce, kNetLayers[i + 1].name, Finish::kBnRelu, &mid, true);
   drop(&reduce);
   if (st != HSEG_OK) return st;
 
   if (hooks_.plain) {
     // increase, projection, sum = (0 + shortcut) + increase, ReLU.
-    st = conv(i + 2, mid, kNetLayers[i + 2].name, Finish::kBn, nullptr, &increase);
+    st = conv(i + 2, mid, kNetLayers[i + 2].name, Finish::kBn, &increase);
     drop(&mid);
-    if (st == HSEG_OK && projected)
-      st = conv(i + 3, *x, kNetLayers[i + 3].name, Finish::kBn, nullptr, &proj);
+    if (st == HSEG_OK && projected) st = conv(i + 3, *x, kNetLayers[i + 3].name, Finish::kBn, &proj);
     if (st == HSEG_OK) st = make(name, increase.c, increase.h, increase.w, &sum);
     const Tensor &shortcut = projected ? proj : *x;
     if (st == HSEG_OK)
       st = static_cast<MRESULT>(ly_etlwise_sum(shortcut.data, increase.data, sum.w, sum.h,
                                                sum.c, sum.data));
     if (st == HSEG_OK) st = static_cast<MRESULT>(ly_relu_float(sum.data, sum.data, sum.w, sum.h, sum.c));
+    drop(&increase);
+    drop(&proj);
+    drop(x);
   } else {
-    // The projection first, so that the increase can finish the block in one
-    // pass over its bands: the block's output is the increase's buffer.
-    if (projected) st = conv(i + 3, *x, kNetLayers[i + 3].name, Finish::kBn, nullptr, &proj);
-    const Tensor &shortcut = projected ? proj : *x;
-    if (st == HSEG_OK) st = conv(i + 2, mid, name, Finish::kBnAddRelu, &shortcut, &sum);
+    // The projection first; then the increase finishes the block in place on
+    // the shortcut (the projection, or the block's input), band by band.
+    if (projected) st = conv(i + 3, *x, kNetLayers[i + 3].name, Finish::kBn, &proj);
+    sum = projected ? proj : *x;
+    if (st == HSEG_OK) st = conv_banded(i + 2, &mid, 1, Finish::kBnAddRelu, sum);
     drop(&mid);
+    if (projected) drop(x);
   }
-  drop(&increase);
-  drop(&proj);
-  drop(x);
   *x = sum;
   if (st == HSEG_OK) show(name, *x);
   return st;
 }
 
+// pool1: max pooling 3x3, stride 2, pad 1, by channel over the lanes in the
+// fast route.
+MRESULT Pass::max_pool(const Tensor &in, const Tensor &out) const {
+  if (hooks_.plain)
+    return static_cast<MRESULT>(
+        ly_pooling_max_float(in.data, in.w, in.h, in.c, out.data, 3, 3, 2, 2, 1, 1));
+  by_channels(in.c, [&](int c0, int c1) {
+    ly_pooling_max_float(in.data + c0 * in.count() / in.c, in.w, in.h, c1 - c0,
+                         out.data + c0 * out.count() / out.c, 3, 3, 2, 2, 1, 1);
+  });
+  return HSEG_OK;
+}
+
 // The four pyramid branches on the conv5_3 output *x, in table order (bins
-// 1, 2, 3, 6). conv5_4 reads conv5_3 and then the branches in the reverse
-// order, pool6 first: in the plain route that concatenation is built and
-// returned as the one part; the fast route returns the five parts, which its
-// column copy reads as one. *x passes into `parts`.
+// 1, 2, 3, 6), each average pooling and a 1x1 convolution to 512 x n x n.
+// conv5_4 reads conv5_3 and then the branches resized to 60 x 60, in the
+// reverse order, pool6 first. The plain route resizes them with ly_interp and
+// concatenates all five, returning the concatenation as the one part; the
+// fast route returns the five parts as they are, and its column copy resizes
+// the rows it needs as it reads them (net_interp_rows), so that neither the
+// resized branches nor the concatenation are ever held. *x passes into
+// `parts`.
 MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int *count) {
   constexpr int kBranches = 4;
   const int first = *layer;
@@ -339,23 +450,21 @@ MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int
     const int bins = l.in_size, window = kFeatureSize / bins;
     char name[40];
     std::snprintf(name, sizeof name, "conv5_3_pool%d", bins);
-    Tensor pooled, reduced;
+    Tensor pooled;
     st = make(name, x->c, pool_out(x->h, window, window, 0), pool_out(x->w, window, window, 0),
-              &pooled);
-    if (st == HSEG_OK && hooks_.plain)
+              &pooled, true);
+    if (st == HSEG_OK && hooks_.plain) {
       st = static_cast<MRESULT>(ly_pooling_avg_float(x->data, x->w, x->h, x->c, pooled.data,
                                                      window, window, window, window, 0, 0));
-    else if (st == HSEG_OK)
-      net_avg_pool_tiled(x->data, x->c, x->h, window, pooled.data);
-    if (st == HSEG_OK) st = conv(first + b, pooled, l.name, Finish::kBnRelu, nullptr, &reduced);
+    } else if (st == HSEG_OK && !dry_) {
+      by_channels(x->c, [&](int c0, int c1) {
+        net_avg_pool_tiled(x->data + c0 * x->count() / x->c, c1 - c0, x->h, window,
+                           pooled.data + c0 * pooled.count() / pooled.c);
+      });
+    }
+    if (st == HSEG_OK) st = conv(first + b, pooled, l.name, Finish::kBnRelu, &branch[b]);
     drop(&pooled);
-    std::snprintf(name, sizeof name, "conv5_3_pool%d_interp", bins);
-    if (st == HSEG_OK) st = make(name, reduced.c, kFeatureSize, kFeatureSize, &branch[b]);
-    if (st == HSEG_OK)
-      st = static_cast<MRESULT>(ly_interp(reduced.data, branch[b].data, 1, reduced.c, reduced.h,
-                                          reduced.w, 0, 0, kFeatureSize, kFeatureSize));
-    drop(&reduced);
-    if (st == HSEG_OK) show(name, branch[b]);
+    if (st == HSEG_OK) show(l.name, branch[b]);
   }
   parts[0] = *x;
   for (int b = 0; b < kBranches; ++b) parts[1 + b] = branch[kBranches - 1 - b];
@@ -363,8 +472,19 @@ MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int
   *x = Tensor{};
   if (st != HSEG_OK || !hooks_.plain) return st;
 
+  for (int i = 1; i < *count && st == HSEG_OK; ++i) {
+    Tensor resized;
+    char name[40];
+    std::snprintf(name, sizeof name, "conv5_3_pool%d_interp", parts[i].h);
+    st = make(name, parts[i].c, kFeatureSize, kFeatureSize, &resized);
+    if (st == HSEG_OK)
+      st = static_cast<MRESULT>(ly_interp(parts[i].data, resized.data, 1, parts[i].c, parts[i].h,
+                                          parts[i].w, 0, 0, kFeatureSize, kFeatureSize));
+    drop(&parts[i]);
+    parts[i] = resized;
+  }
   Tensor concat;
-  st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
+  if (st == HSEG_OK) st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
   if (st == HSEG_OK)
     st = static_cast<MRESULT>(ly_concat_5(
         parts[0].data, static_cast<int>(parts[0].count()), parts[1].data,
@@ -381,7 +501,7 @@ MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int
 MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   Tensor x;
   MRESULT st = make("data", 3, kNetInputSize, kNetInputSize, &x);
-  if (st == HSEG_OK)
+  if (st == HSEG_OK && !dry_)
     st = static_cast<MRESULT>(
         vb_ly_data_const_mean(bgr, kNetInputSize, kNetInputSize, pitch, kMeanBgr, x.data));
   if (st != HSEG_OK) return st;
@@ -390,7 +510,7 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   int layer = 0;
   for (; kNetLayers[layer].role == NetRole::kStem; ++layer) {
     Tensor y;
-    st = conv(layer, x, kNetLayers[layer].name, Finish::kBnRelu, nullptr, &y);
+    st = conv(layer, x, kNetLayers[layer].name, Finish::kBnRelu, &y);
     drop(&x);
     x = y;
     if (st != HSEG_OK) return st;
@@ -399,8 +519,7 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
 
   Tensor pooled;
   st = make("pool1", x.c, pool_out(x.h, 3, 2, 1), pool_out(x.w, 3, 2, 1), &pooled);
-  if (st == HSEG_OK)
-    st = static_cast<MRESULT>(ly_pooling_max_float(x.data, x.w, x.h, x.c, pooled.data, 3, 3, 2, 2, 1, 1));
+  if (st == HSEG_OK && !dry_) st = max_pool(x, pooled);
   drop(&x);
   x = pooled;
   if (st != HSEG_OK) return st;
@@ -416,7 +535,7 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   st = pyramid(&layer, &x, parts, &count);
   Tensor head;
   if (st == HSEG_OK)
-    st = conv(layer, parts, count, kNetLayers[layer].name, Finish::kBnRelu, nullptr, &head);
+    st = conv(layer, parts, count, kNetLayers[layer].name, Finish::kBnRelu, &head);
   for (Tensor &t : parts) drop(&t);
   if (st != HSEG_OK) return st;
   show(kNetLayers[layer].name, head);
@@ -428,13 +547,41 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   }
 
   Tensor out;
-  st = conv(layer, head, kNetLayers[layer].name, Finish::kBias, nullptr, &out);
+  st = conv(layer, head, kNetLayers[layer].name, Finish::kBias, &out);
   drop(&head);
   if (st != HSEG_OK) return st;
   show(kNetLayers[layer].name, out);
-  std::memcpy(scores, out.data, kNetScoreCount * sizeof(float));
+  if (!dry_) std::memcpy(scores, out.data, kNetScoreCount * sizeof(float));
   drop(&out);
   return HSEG_OK;
+}
+
+// The fast route: the Winograd filters (the fast network), then a dry pass
+// sizes the arena, the arena is taken in one block, and the real pass runs
+// in it. All the pass's memory is thus taken before its first GEMM.
+MRESULT run_in_arena(const uint8_t *bgr, int32_t pitch, float *scores,
+                     const float *const *weights, const NetHooks &hooks) {
+  const int lanes = hooks.threads > 0 ? hooks.threads : net_default_lanes();
+  const float *filters = nullptr;
+  NetFilterCache own_filters;  // when the caller gives no cache; empty until used
+  if (hooks.winograd) {
+    filters = (hooks.filters != nullptr ? hooks.filters : &own_filters)->get(weights, lanes);
+    if (filters == nullptr) return HSEG_ERR_NO_MEMORY;
+  }
+  NetArena plan;
+  MRESULT st = Pass(weights, hooks, &plan, /*dry=*/true).run(bgr, pitch, scores);
+  if (st != HSEG_OK) return st;
+  const size_t bytes = plan.high_water();
+  const bool own = hooks.alloc == nullptr || hooks.release == nullptr;
+  void *block = own ? net_arena_map(bytes) : hooks.alloc(hooks.user, bytes, "arena");
+  if (block == nullptr) return HSEG_ERR_NO_MEMORY;
+  NetArena arena(block, bytes);
+  st = Pass(weights, hooks, &arena, /*dry=*/false, filters).run(bgr, pitch, scores);
+  if (own)
+    net_arena_unmap(block, bytes);
+  else
+    hooks.release(hooks.user, block);
+  return st;
 }
 
 }  // namespace
@@ -447,8 +594,15 @@ MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
   }
   for (int i = 0; i < kNetTensorCount; ++i)
     if (weights[i] == nullptr) return HSEG_ERR_BAD_ARGUMENT;
-  Pass pass(weights, hooks);
-  return pass.run(bgr, pitch, scores);
+  NetHooks h = hooks != nullptr ? *hooks : NetHooks{};
+  if (h.conv_output != nullptr) h.plain = true;
+  if (h.plain && h.winograd) return HSEG_ERR_BAD_ARGUMENT;
+  if (!h.plain) return run_in_arena(bgr, pitch, scores, weights, h);
+  if (h.alloc == nullptr || h.release == nullptr) {
+    h.alloc = default_alloc;
+    h.release = default_release;
+  }
+  return Pass(weights, h, nullptr, /*dry=*/false).run(bgr, pitch, scores);
 }
 
 }  // namespace hseg

@@ -11,14 +11,16 @@
 
 namespace hseg {
 
+class NetFilterCache;
+
 inline constexpr int kNetInputSize = 473;
 inline constexpr int kNetScoreSize = 60;
 inline constexpr int kNetScoreCount = 2 * kNetScoreSize * kNetScoreSize;
 
 // One finished tensor of the pass, shown to the tap: the input tensor
 // ("data"), each stem layer, "pool1", each block's output ("conv3_1"), each
-// pyramid branch after its resize ("conv5_3_pool6_interp"), "conv5_4" and
-// "fc8_zembdata". The plain route also shows "conv5_3_concat". Values are
+// pyramid branch before its resize ("conv5_3_pool6_conv", 512 x 6 x 6),
+// "conv5_4" and "fc8_zembdata". The plain route also shows "conv5_3_concat". Values are
 // final (after batch norm and ReLU); the pointer is valid only during the call.
 struct NetTap {
   const char *name;
@@ -27,10 +29,13 @@ struct NetTap {
 };
 
 struct NetHooks {
-  // Every tensor and work buffer the pass allocates itself goes through
-  // alloc/release (malloc/free when alloc is null). `what` names the tensor,
-  // e.g. "conv4_12" for that block's output or "conv4_12_3x3" for a layer's.
-  // Work buffers inside the exported layer functions are not included.
+  // Every block the pass allocates itself goes through alloc/release. The
+  // fast route takes one block, "arena", for all its tensors and work buffers
+  // (by default a fresh mapping advised for huge pages, see net_arena.h); the
+  // plain route takes one block per tensor, named after it, e.g. "conv4_12"
+  // for that block's output or "conv4_12_3x3" for a layer's (by default from
+  // malloc). Work buffers inside the exported layer functions are not
+  // included.
   void *(*alloc)(void *user, size_t bytes, const char *what) = nullptr;
   void (*release)(void *user, void *ptr) = nullptr;
   // Called with every finished tensor listed above, in order of execution.
@@ -40,9 +45,19 @@ struct NetHooks {
   // per convolution, batch norm, ReLU and sum as separate calls, 156 tensors)
   // instead of the network's fused kernels. Both give the same bits.
   bool plain = false;
-  // Keep every tensor until the pass ends instead of releasing each after
-  // its last use.
+  // In the plain route, keep every tensor until the pass ends instead of
+  // releasing each after its last use.
   bool keep_all = false;
+  // Threads for the work outside the matrix products; 0 for as many as
+  // OpenBLAS uses. The scores do not depend on it.
+  int threads = 0;
+  // The fast network: every stride-1 3x3 convolution by Winograd minimal
+  // filtering (net_winograd.h), everything else as the fast route. Not with
+  // `plain`. The filters' transforms come from `filters` when set (the
+  // process's cache net_filter_cache() for the linked weights), else from a
+  // cache made for this pass alone.
+  bool winograd = false;
+  NetFilterCache *filters = nullptr;
   // Called after every convolution that a batch norm follows, with its raw
   // output, before the batch norm reads its four arrays; the weights tool
   // sets running statistics here. Setting it selects the plain route.
@@ -57,6 +72,9 @@ const float *const *net_linked_weights();
 // holds kNetTensorCount arrays; `hooks` may be null.
 MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
                     const float *const *weights, const NetHooks *hooks);
+
+// The fast network on the linked weights, with the process's filter cache.
+MRESULT net_forward_fast(const uint8_t *bgr, int32_t pitch, float *scores);
 
 }  // namespace hseg
 

@@ -2,6 +2,7 @@
 // mask, CRF-guided upsampling to a 473x473 mask, nearest resize to the
 // caller's mask. Every buffer of a call is owned here and released on every
 // path in one fixed order.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "hseg/crf.h"
 #include "hseg/pipeline.h"
 #include "hseg/resize.h"
+#include "pipeline/network.h"
 #include "pipeline/segment_internal.h"
 
 namespace hseg {
@@ -23,6 +25,13 @@ constexpr int32_t kScoreBytes = 2 * kScoreCells * static_cast<int32_t>(sizeof(fl
 MRESULT run_real_network(void *, const uint8_t *bgr, int32_t pitch, float *scores) {
   return fr_extract_feature_deeplab_pspnet(bgr, pitch, scores, 0);
 }
+
+MRESULT run_fast_network(void *, const uint8_t *bgr, int32_t pitch, float *scores) {
+  return net_forward_fast(bgr, pitch, scores);
+}
+
+// The size of the first version of HsegOptions: `size` and `network`.
+constexpr uint32_t kOptionsV1 = 2 * sizeof(uint32_t);
 
 // Describes an owned image to the stages: BGR for 3 channels, one 8-bit
 // channel otherwise.
@@ -126,6 +135,21 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
 }  // namespace
 
 NetworkHook default_network() { return NetworkHook{run_real_network, nullptr}; }
+NetworkHook fast_network() { return NetworkHook{run_fast_network, nullptr}; }
+
+MRESULT read_options(const HsegOptions *options, HsegOptions *out) {
+  std::memset(out, 0, sizeof *out);
+  out->size = sizeof *out;
+  if (options == nullptr) return HSEG_OK;
+  if (options->size < kOptionsV1) return HSEG_ERR_BAD_ARGUMENT;
+  // Fields past the caller's size keep their defaults; a record from a later
+  // version is read as far as this one knows it.
+  std::memcpy(out, options, std::min<size_t>(options->size, sizeof *out));
+  out->size = sizeof *out;
+  if (out->network != HSEG_NETWORK_EXACT && out->network != HSEG_NETWORK_FAST)
+    return HSEG_ERR_BAD_ARGUMENT;
+  return HSEG_OK;
+}
 
 void coarse_mask(const float *scores, uint8_t *out) {
   const float *background = scores;
@@ -229,12 +253,13 @@ HSEG_API MRESULT HsegTimed(MHandle mem, const OffscreenImage *src, OffscreenImag
 
 HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
                         const HsegOptions *options) {
-  if (options != nullptr) {
-    if (options->size < sizeof(HsegOptions)) return HSEG_ERR_BAD_ARGUMENT;
-    // The fast network is not built yet.
-    if (options->network != HSEG_NETWORK_EXACT) return HSEG_ERR_BAD_ARGUMENT;
-  }
-  return hseg::segment(mem, src, dst, 0, hseg::default_network(), nullptr);
+  HsegOptions o;
+  const MRESULT s = hseg::read_options(options, &o);
+  if (s != HSEG_OK) return s;
+  return hseg::segment(mem, src, dst, 0,
+                       o.network == HSEG_NETWORK_FAST ? hseg::fast_network()
+                                                      : hseg::default_network(),
+                       o.times);
 }
 
 HSEG_API MRESULT FigureNet_il(MHandle, const OffscreenImage *in, OffscreenImage *out,

@@ -21,8 +21,13 @@ struct NetworkHook {
   void *ctx;
 };
 
-// The real network pass.
+// The real network pass, and the fast network.
 NetworkHook default_network();
+NetworkHook fast_network();
+
+// HsegEx's options with the defaults filled in; HSEG_ERR_BAD_ARGUMENT for a
+// size below the first version's or an unknown network.
+MRESULT read_options(const HsegOptions *options, HsegOptions *out);
 
 // The coarse-mask rule: out[i] = 255 when person[i] > max(background[i], 0),
 // else 0; a NaN background counts as 0 and a NaN person score gives 0.

@@ -7,8 +7,11 @@ hseg_sources(base
 hseg_sources(pipeline
   src/pipeline/network.cpp
   src/pipeline/network_entry.cpp
+  src/pipeline/net_arena.cpp
   src/pipeline/net_kernels.cpp
   src/pipeline/net_layers.cpp
+  src/pipeline/net_pool.cpp
+  src/pipeline/net_winograd.cpp
 )
 
 # Segmentation entry
