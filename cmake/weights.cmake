@@ -20,24 +20,17 @@ set(HSEG_WEIGHTS "" CACHE FILEPATH
     "Weights file (safetensors) for libdeeplab_data.so; empty for synthetic weights")
 
 # Built for the machine that runs the build. It runs the network pass itself
-# (without the linked weights) to calibrate the synthetic weights, so it takes
-# the pass's sources and the layer library.
+# (without the linked weights) to calibrate the synthetic weights, so it links
+# the network component, the same objects as libhseg's.
 add_executable(hseg-weights
   tools/hseg_weights.cpp
   tools/hseg_weights_io.cpp
   tools/hseg_weights_synth.cpp
   tools/caffe_model.cpp
   tools/caffe_import.cpp
-  tools/elf_symbols.cpp
-  src/pipeline/net_arena.cpp
-  src/pipeline/net_layers.cpp
-  src/pipeline/net_kernels.cpp
-  src/pipeline/net_pool.cpp
-  src/pipeline/net_winograd.cpp
-  src/pipeline/network.cpp)
-target_include_directories(hseg-weights PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/include
-  ${CMAKE_CURRENT_SOURCE_DIR}/src ${CMAKE_CURRENT_SOURCE_DIR}/tools ${OpenBLAS_INCLUDE_DIRS})
-target_link_libraries(hseg-weights PRIVATE hseg_flatnn nlohmann_json::nlohmann_json
+  tools/elf_symbols.cpp)
+target_include_directories(hseg-weights PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tools)
+target_link_libraries(hseg-weights PRIVATE hseg_network nlohmann_json::nlohmann_json
   ${CMAKE_DL_LIBS})
 set_target_properties(hseg-weights PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 

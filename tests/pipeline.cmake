@@ -1,8 +1,8 @@
 hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 
-# ---- network pass ----
+# Network pass
 # Whole passes on the linked weights take a few seconds each; the suite runs
-# about four and a half (one of them the plain route, which holds 1.5 GB).
+# about four and a half (one of them the reference route, which holds 1.5 GB).
 hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
 target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
@@ -11,8 +11,8 @@ hseg_add_test(net_winograd_test LIBS hseg_pipeline SOURCES net_winograd_test.cpp
 
 # The weights file reader on small files, and the hseg-weights program on the
 # build's weights file and data library, and on small generated data libraries.
-hseg_add_test(weights_tool_test SOURCES weights_tool_test.cpp
-  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp ${PROJECT_SOURCE_DIR}/src/pipeline/net_layers.cpp)
+hseg_add_test(weights_tool_test LIBS hseg_network SOURCES weights_tool_test.cpp
+  ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
 target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(weights_tool_test PRIVATE nlohmann_json::nlohmann_json)
 if(HSEG_WEIGHTS)
@@ -43,9 +43,8 @@ target_compile_definitions(caffe_import_test PRIVATE
   HSEG_WEIGHTS_SYNTHETIC=${synthetic}
   HSEG_C_COMPILER="${CMAKE_C_COMPILER}")
 add_dependencies(caffe_import_test hseg-weights)
-# ---- end of network pass ----
 
-# ---- segmentation entry ----
+# Segmentation entry
 # Runs the full pipeline, exact and fast, about twenty times (seconds each),
 # eight of them four at once in the threaded tests.
 hseg_add_test(segment_test LIBS hseg_pipeline stb SOURCES segment_test.cpp)
@@ -60,15 +59,13 @@ if(HSEG_TSAN)
            COMMAND segment_test --gtest_filter=AroundTheNetwork.FourThreadsGiveTheSerialMasks)
   add_test(NAME net_pool_threads_test COMMAND network_test --gtest_filter=NetPool.*)
 endif()
-if(TARGET hseg-segment)
+if(HSEG_BUILD_TOOLS)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)
   target_compile_definitions(segment_tool_test PRIVATE
     HSEG_SEGMENT_TOOL="$<TARGET_FILE:hseg-segment>"
     HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
   add_dependencies(segment_tool_test hseg-segment)
 endif()
-# ---- end of segmentation entry ----
 
-# ---- background effects ----
+# Background effects
 hseg_add_test(effects_test LIBS hseg_pipeline SOURCES effects_test.cpp)
-# ---- end of background effects ----

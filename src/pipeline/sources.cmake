@@ -3,15 +3,20 @@ hseg_sources(base
   src/pipeline/mem_ops.cpp
 )
 
-# Network pass
-hseg_sources(pipeline
+# Network pass on weights handed to it: its own component, because the
+# weights tool runs it too (to calibrate the synthetic weights).
+hseg_sources(network
   src/pipeline/network.cpp
-  src/pipeline/network_entry.cpp
   src/pipeline/net_arena.cpp
   src/pipeline/net_kernels.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_pool.cpp
   src/pipeline/net_winograd.cpp
+)
+
+# The network on the linked weights
+hseg_sources(pipeline
+  src/pipeline/network_entry.cpp
 )
 
 # Segmentation entry
