@@ -132,19 +132,19 @@ double gemm_bound() {
   return bound;
 }
 
-// Arg 0: the exact network (the fast route); arg 1: the plain route keeping
+// Arg 0: the exact network (the fast route); arg 1: the reference route keeping
 // every tensor; arg 2: the fast network (its filters made before the clock).
 void BM_NetworkPass(benchmark::State &state) {
   openblas_set_num_threads(2);
-  const bool plain = state.range(0) == 1, winograd = state.range(0) == 2;
-  const double bound = plain ? 0.0 : gemm_bound();
+  const bool ref = state.range(0) == 1, winograd = state.range(0) == 2;
+  const double bound = ref ? 0.0 : gemm_bound();
   std::vector<float> scores(hseg::kNetScoreCount);
   StageClock stages;
   hseg::NetHooks hooks;
   hooks.tap = on_tap;
   hooks.user = &stages;
-  hooks.plain = plain;
-  hooks.keep_all = plain;
+  hooks.ref_route = ref;
+  hooks.keep_all = ref;
   hooks.winograd = winograd;
   hooks.filters = &hseg::net_filter_cache();
   if (winograd) hseg::net_filter_cache().get(hseg::net_linked_weights(), 2);
@@ -174,7 +174,7 @@ void BM_NetworkPass(benchmark::State &state) {
   state.counters["gemm_share"] = gemm / wall;
   state.counters["GFLOP/s"] = flops / gemm / 1e9;
   state.counters["peak_rss_MiB"] = peak;
-  if (!plain) {
+  if (!ref) {
     state.counters["gemm_bound_s"] = bound;
     state.counters["ratio_to_bound"] = wall / n / bound;
   }

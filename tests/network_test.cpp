@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -148,10 +147,10 @@ TEST(NetKernels, FinishesMatchTheLayerFunctions) {
         if (avx2 && !hseg::net_have_avx2()) continue;
         std::vector<float> got = kind == 2 ? shortcut : x;
         if (kind == 2) {
-          (avx2 ? hseg::net_bn_add_relu_band_avx2 : hseg::net_bn_add_relu_band_generic)(
+          (avx2 ? hseg::net_bn_add_relu_band_avx2 : hseg::net_bn_add_relu_band_ref)(
               product.data(), w, got.data() + band.first, kLen, kChannels, w, bn);
         } else {
-          (avx2 ? hseg::net_bn_band_avx2 : hseg::net_bn_band_generic)(
+          (avx2 ? hseg::net_bn_band_avx2 : hseg::net_bn_band_ref)(
               got.data(), kLen, kChannels, band.first, band.second, bn, kind == 1);
         }
         EXPECT_EQ(first_diff(want.data(), got.data(), kN), size_t{kN}) << "avx2 " << avx2;
@@ -314,7 +313,7 @@ struct Probe {
   std::map<std::string, Tensor> taps;
   int shown = 0;  // tensors the pass has finished
 
-  hseg::NetHooks hooks(bool plain = false) {
+  hseg::NetHooks hooks(bool ref = false) {
     hseg::NetHooks h;
     h.alloc = [](void *user, size_t bytes, const char *what) -> void * {
       auto *p = static_cast<Probe *>(user);
@@ -340,7 +339,7 @@ struct Probe {
       p->taps[t.name] = Tensor{std::vector<float>(t.data, t.data + n), t.channels, t.height, t.width};
     };
     h.user = this;
-    h.plain = plain;
+    h.ref_route = ref;
     return h;
   }
 };
@@ -426,8 +425,8 @@ TEST_F(NetPass, ScoresDoNotDependOnThreadsAndGiveBothLabels) {
     person += b > std::max(a, 0.0f);  // the coarse mask's rule
     both_negative += a <= 0 && b <= 0;
   }
-  std::printf("astronaut: person %.1f%%, both scores <= 0 on %.1f%%\n", person / 36.0,
-              both_negative / 36.0);
+  RecordProperty("person_cells", person);
+  RecordProperty("both_scores_negative_cells", both_negative);
   EXPECT_GT(person, 360);
   EXPECT_LT(person, 3600 - 360);
   EXPECT_LT(both_negative, 36);
@@ -488,26 +487,22 @@ TEST_F(NetPass, GraphMatchesLayerByLayerRecomputation) {
   expect_same(fc, Tensor{scores_, 2, 60, 60}, "scores");
 }
 
-// The plain route (exported layer functions, every tensor kept to the end)
+// The reference route (exported layer functions, every tensor kept to the end)
 // against the fast route (fused banded kernels in one arena, tensors released
 // after their last use): the same scores and intermediate tensors, bit for
-// bit, and the fast route holds a small part of the 1.49 GB the plain route
-// holds.
-TEST_F(NetPass, FastRouteMatchesPlainRouteKeepingEveryTensor) {
-  Probe plain;
-  plain.keep = probe_->keep;
+// bit, and the fast route holds all it needs in one arena.
+TEST_F(NetPass, FastRouteMatchesReferenceRouteKeepingEveryTensor) {
+  Probe ref;
+  ref.keep = probe_->keep;
   std::vector<float> scores(7200, kCanary);
-  hseg::NetHooks hooks = plain.hooks(/*plain=*/true);
+  hseg::NetHooks hooks = ref.hooks(/*ref_route=*/true);
   hooks.keep_all = true;
   ASSERT_EQ(hseg::net_forward(image_.data(), kPitch, scores.data(), hseg::net_linked_weights(), &hooks),
             HSEG_OK);
   expect_same(Tensor{scores, 2, 60, 60}, Tensor{scores_, 2, 60, 60}, "scores");
-  for (const auto &kv : probe_->taps) expect_same(plain.taps[kv.first], kv.second, kv.first);
-  EXPECT_EQ(plain.names.size(), 156u);
-  EXPECT_EQ(plain.peak_bytes, 1486897612u);
-  EXPECT_TRUE(plain.live.empty() && probe_->live.empty());
-  std::printf("tensors and work buffers held at once: fast route %.1f MB, keep-everything %.1f MB\n",
-              probe_->peak_bytes / 1e6, plain.peak_bytes / 1e6);
+  for (const auto &kv : probe_->taps) expect_same(ref.taps[kv.first], kv.second, kv.first);
+  EXPECT_EQ(ref.names.size(), 156u);
+  EXPECT_TRUE(ref.live.empty() && probe_->live.empty());
   // The arena stays within what keeps a whole Hseg call under 400 MB
   // resident beside the 263 MB of weights.
   EXPECT_EQ(probe_->names, std::vector<std::string>{"arena"});
@@ -557,8 +552,7 @@ TEST_F(NetPass, FastNetworkScoresStayWithinTheBound) {
       largest = std::max(largest, std::fabs((*exact)[i]));
       worst = std::max(worst, std::fabs(fast[i] - (*exact)[i]));
     }
-    std::printf("%s: fast network's scores within %.2g of the largest magnitude (%.3g)\n", name,
-                worst / largest, largest);
+    RecordProperty(std::string(name) + "_relative_error", std::to_string(worst / largest));
     EXPECT_LE(worst, 1e-3f * largest) << name;
     EXPECT_TRUE(p.live.empty()) << name;
   }
@@ -593,20 +587,20 @@ TEST_F(NetPass, FastNetworkAllocationFailureReleasesEverything) {
 }
 
 // A refused allocation, in the fast route (its one arena, taken before any
-// work, so before OpenBLAS needs memory) and in the plain route (conv4_12's
+// work, so before OpenBLAS needs memory) and in the reference route (conv4_12's
 // output, in the middle of the pass): status 4, scores untouched, everything
 // released.
 TEST_F(NetPass, AllocationFailureReleasesEverything) {
-  for (const bool plain : {false, true}) {
+  for (const bool ref : {false, true}) {
     Probe p;
-    p.fail_name = plain ? "conv4_12" : "arena";
+    p.fail_name = ref ? "conv4_12" : "arena";
     std::vector<float> scores(7200, kCanary);
-    const hseg::NetHooks hooks = p.hooks(plain);
+    const hseg::NetHooks hooks = p.hooks(ref);
     EXPECT_EQ(hseg::net_forward(image_.data(), kPitch, scores.data(), hseg::net_linked_weights(),
                                 &hooks),
               HSEG_ERR_NO_MEMORY) << p.fail_name;
     EXPECT_EQ(p.names.back(), p.fail_name);
-    EXPECT_TRUE(plain || p.shown == 0) << "computed before taking its memory";
+    EXPECT_TRUE(ref || p.shown == 0) << "computed before taking its memory";
     EXPECT_TRUE(p.live.empty()) << p.fail_name << ": " << p.live.size() << " blocks left";
     for (float s : scores) ASSERT_EQ(s, kCanary);
   }

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "flatnn/internal.h"
+
 namespace hseg {
 
 namespace {
@@ -19,13 +21,12 @@ void for_each_plane(const NetSources &in, const NetConvGeom &g, int row0, int ro
 }
 
 // Output columns [*lo, *hi) whose input column ow*stride + x0 lies in
-// [0, size): ceil(-x0 / stride) <= ow <= (size - 1 - x0) / stride.
+// [0, size), by the layer library's rule.
 void inside_columns(int x0, int stride, int size, int out, int *lo, int *hi) {
-  int l = x0 >= 0 ? 0 : (-x0 + stride - 1) / stride;
-  int h = size - 1 - x0 < 0 ? 0 : (size - 1 - x0) / stride + 1;
-  l = std::min(l, out);
-  *lo = l;
-  *hi = std::max(l, std::min(h, out));
+  int64_t l = 0, h = 0;
+  flatnn::inside_columns(x0, stride, size, out, &l, &h);
+  *lo = static_cast<int>(l);
+  *hi = static_cast<int>(h);
 }
 
 // Stride 1 with the output as large as the input ("same" padding): a column
@@ -199,7 +200,7 @@ void net_bn_inv_std(const float *variance, float eps, int channels, float *inv_s
 
 bool net_have_avx2() { return __builtin_cpu_supports("avx2"); }
 
-void net_bn_band_generic(float *data, int64_t row_len, int channels, int64_t col0, int64_t col1,
+void net_bn_band_ref(float *data, int64_t row_len, int channels, int64_t col0, int64_t col1,
                          const NetBn &bn, bool relu) {
   if (relu)
     bn_band<true>(data, row_len, channels, col0, col1, bn);
@@ -221,10 +222,10 @@ void net_bn_band(float *data, int64_t row_len, int channels, int64_t col0, int64
   if (net_have_avx2())
     net_bn_band_avx2(data, row_len, channels, col0, col1, bn, relu);
   else
-    net_bn_band_generic(data, row_len, channels, col0, col1, bn, relu);
+    net_bn_band_ref(data, row_len, channels, col0, col1, bn, relu);
 }
 
-void net_bn_add_relu_band_generic(const float *y, int64_t y_row_len, float *sum,
+void net_bn_add_relu_band_ref(const float *y, int64_t y_row_len, float *sum,
                                   int64_t sum_row_len, int channels, int64_t count,
                                   const NetBn &bn) {
   bn_add_relu_band(y, y_row_len, sum, sum_row_len, channels, count, bn);
@@ -242,7 +243,7 @@ void net_bn_add_relu_band(const float *y, int64_t y_row_len, float *sum, int64_t
   if (net_have_avx2())
     net_bn_add_relu_band_avx2(y, y_row_len, sum, sum_row_len, channels, count, bn);
   else
-    net_bn_add_relu_band_generic(y, y_row_len, sum, sum_row_len, channels, count, bn);
+    net_bn_add_relu_band_ref(y, y_row_len, sum, sum_row_len, channels, count, bn);
 }
 
 void net_avg_pool_tiled(const float *input, int channels, int size, int window, float *output) {

@@ -98,14 +98,14 @@ void net_bn_add_relu_band(const float *y, int64_t y_row_len, float *sum, int64_t
                           int channels, int64_t count, const NetBn &bn);
 
 // The two finishes above pick per call between a portable build of their
-// loops (_generic) and one compiled for AVX2 (_avx2, to be called only when
+// loops (_ref) and one compiled for AVX2 (_avx2, to be called only when
 // net_have_avx2()); the operations and their order are the same.
 bool net_have_avx2();
-void net_bn_band_generic(float *data, int64_t row_len, int channels, int64_t col0, int64_t col1,
+void net_bn_band_ref(float *data, int64_t row_len, int channels, int64_t col0, int64_t col1,
                          const NetBn &bn, bool relu);
 void net_bn_band_avx2(float *data, int64_t row_len, int channels, int64_t col0, int64_t col1,
                       const NetBn &bn, bool relu);
-void net_bn_add_relu_band_generic(const float *y, int64_t y_row_len, float *sum,
+void net_bn_add_relu_band_ref(const float *y, int64_t y_row_len, float *sum,
                                   int64_t sum_row_len, int channels, int64_t count,
                                   const NetBn &bn);
 void net_bn_add_relu_band_avx2(const float *y, int64_t y_row_len, float *sum,

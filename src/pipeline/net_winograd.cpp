@@ -259,7 +259,7 @@ HSEG_INLINE void output_transform_impl(const NetWinograd &w, const Chunk &ch, co
 
 // The transforms compiled for the machine's baseline and for AVX2; the same
 // operations in the same order, so the same bits.
-void input_transform_generic(const NetWinograd &w, const NetSources &in, const Chunk &ch, int k0,
+void input_transform_ref(const NetWinograd &w, const NetSources &in, const Chunk &ch, int k0,
                              int k1, float *v) {
   input_transform_impl(w, in, ch, k0, k1, v);
 }
@@ -268,7 +268,7 @@ __attribute__((target("avx2"))) void input_transform_avx2(const NetWinograd &w,
                                                           int k0, int k1, float *v) {
   input_transform_impl(w, in, ch, k0, k1, v);
 }
-void output_transform_generic(const NetWinograd &w, const Chunk &ch, const float *m,
+void output_transform_ref(const NetWinograd &w, const Chunk &ch, const float *m,
                               const NetBn *bn, int o0, int o1, float *out) {
   output_transform_impl(w, ch, m, bn, o0, o1, out);
 }
@@ -349,7 +349,7 @@ void net_winograd_conv(const NetWinograd &w, const NetSources &in, const float *
       const Chunk ch{r0, r1, c0, std::min(w.channels, c0 + w.chunk_channels)};
       const int kc = ch.c1 - ch.c0;
       by_ranges(lanes, kc, [&](int b, int e) {
-        (w.avx2 ? input_transform_avx2 : input_transform_generic)(w, in, ch, c0 + b, c0 + e, v);
+        (w.avx2 ? input_transform_avx2 : input_transform_ref)(w, in, ch, c0 + b, c0 + e, v);
       });
       for (int xi = 0; xi < kWinoPoints; ++xi) {
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, w.out_channels, nt, kc, 1.0f,
@@ -360,7 +360,7 @@ void net_winograd_conv(const NetWinograd &w, const NetSources &in, const float *
     }
     const Chunk ch{r0, r1, 0, 0};
     by_ranges(lanes, w.out_channels, [&](int b, int e) {
-      (w.avx2 ? output_transform_avx2 : output_transform_generic)(w, ch, m, bn, b, e, out);
+      (w.avx2 ? output_transform_avx2 : output_transform_ref)(w, ch, m, bn, b, e, out);
     });
   }
 }

@@ -6,7 +6,7 @@
 // projection shortcut in each stage's first block), four pyramid branches on
 // the last block's output, their concatenation, conv5_4 and the classifier.
 //
-// Two routes give the same bits. The plain route calls the exported layer
+// Two routes give the same bits. The reference route calls the exported layer
 // functions one layer at a time. The fast route, the default, runs a 1x1
 // stride-1 convolution as one GEMM straight on its input, and any other
 // convolution in bands of output rows: one GEMM per band on a band-sized
@@ -14,7 +14,7 @@
 // each band (the block's sum lands in its shortcut, in place), and conv5_4's
 // column copy reads conv5_3 and the pyramid branches where they lie, resizing
 // the branches' rows as it needs them, instead of a concatenation. Every
-// float operation is the one the plain route performs, in the same order:
+// float operation is the one the reference route performs, in the same order:
 // OpenBLAS computes each output element over the whole K in the same order
 // whatever the number of columns it is given, and the finishes repeat
 // ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
@@ -39,6 +39,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "flatnn/internal.h"
 #include "hseg/flatnn.h"
 #include "pipeline/net_arena.h"
 #include "pipeline/net_kernels.h"
@@ -52,7 +53,6 @@ namespace {
 constexpr float kBnEps = 1e-5f;  // float bits 0x3727C5AC
 // Per-channel means taken off the B, G and R bytes.
 constexpr float kMeanBgr[3] = {104.008f, 116.669f, 122.675f};
-constexpr int kFeatureSize = 60;
 constexpr int kConcatChannels = 4096;
 constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 
@@ -67,7 +67,7 @@ constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
 constexpr int64_t kMaxBandBytes = int64_t{64} << 20;
 
-// At most this many blocks are held at once by the plain route (the 156
+// At most this many blocks are held at once by the reference route (the 156
 // tensors with keep_all; a handful otherwise).
 constexpr int kMaxHeld = 160;
 
@@ -83,10 +83,10 @@ struct Tensor {
   int64_t count() const { return int64_t{c} * h * w; }
 };
 
-// Pooling output size, rounded up as the pooling layers compute it.
+// Pooling output size, the pooling layers' own rule (the network's sizes are
+// all valid, so it is never -1 here).
 int pool_out(int in, int kernel, int stride, int pad) {
-  return static_cast<int>(std::ceil(static_cast<float>(in + 2 * pad - kernel) /
-                                    static_cast<float>(stride))) + 1;
+  return static_cast<int>(flatnn::pool_output_size(in, kernel, stride, pad));
 }
 
 // A 1x1 stride-1 convolution multiplies its input as it lies.
@@ -114,7 +114,7 @@ NetBn bn_from(const NetBn &bn, int c0) {
   return NetBn{bn.scale + c0, bn.shift + c0, bn.mean + c0, bn.inv_std + c0};
 }
 
-// One pass. The plain route takes every tensor through the hooks; the fast
+// One pass. The reference route takes every tensor through the hooks; the fast
 // route takes them from `arena`. A dry pass (fast route only) allocates what
 // the real one would and computes nothing.
 class Pass {
@@ -162,7 +162,7 @@ class Pass {
   }
   MRESULT conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
                Tensor *out, bool scratch = false);
-  MRESULT conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out);
+  MRESULT conv_ref(int layer, const Tensor &in, Finish finish, const Tensor &out);
   MRESULT conv_banded(int layer, const Tensor *in, int inputs, Finish finish, const Tensor &out);
   MRESULT conv_winograd(int layer, const NetSources &sources, const Tensor &out);
   void run_bands(int layer, const NetSources &sources, Finish finish, float *col,
@@ -222,18 +222,18 @@ void Pass::drop(Tensor *t) {
 
 // One convolution with what follows it, into a new tensor named `name`. The
 // input is `inputs` tensors read as their channel concatenation (one in the
-// plain route).
+// reference route).
 MRESULT Pass::conv(int layer, const Tensor *in, int inputs, const char *name, Finish finish,
                    Tensor *out, bool scratch) {
   const NetLayer &l = kNetLayers[layer];
   const int size = net_out_size(l);
   MRESULT st = make(name, l.cout, size, size, out, scratch);
   if (st != HSEG_OK) return st;
-  return hooks_.plain ? conv_plain(layer, in[0], finish, *out)
+  return hooks_.ref_route ? conv_ref(layer, in[0], finish, *out)
                       : conv_banded(layer, in, inputs, finish, *out);
 }
 
-MRESULT Pass::conv_plain(int layer, const Tensor &in, Finish finish, const Tensor &out) {
+MRESULT Pass::conv_ref(int layer, const Tensor &in, Finish finish, const Tensor &out) {
   const NetLayer &l = kNetLayers[layer];
   const float *bias = finish == Finish::kBias ? weight(layer, 1) : nullptr;
   uint64_t st = myc_forward_conv(in.data, out.data, weight(layer, 0), bias, l.cin, in.h, in.w,
@@ -389,7 +389,7 @@ MRESULT Pass::block(int *layer, Tensor *x) {
   drop(&reduce);
   if (st != HSEG_OK) return st;
 
-  if (hooks_.plain) {
+  if (hooks_.ref_route) {
     // increase, projection, sum = (0 + shortcut) + increase, ReLU.
     st = conv(i + 2, mid, kNetLayers[i + 2].name, Finish::kBn, &increase);
     drop(&mid);
@@ -420,7 +420,7 @@ MRESULT Pass::block(int *layer, Tensor *x) {
 // pool1: max pooling 3x3, stride 2, pad 1, by channel over the lanes in the
 // fast route.
 MRESULT Pass::max_pool(const Tensor &in, const Tensor &out) const {
-  if (hooks_.plain)
+  if (hooks_.ref_route)
     return static_cast<MRESULT>(
         ly_pooling_max_float(in.data, in.w, in.h, in.c, out.data, 3, 3, 2, 2, 1, 1));
   by_channels(in.c, [&](int c0, int c1) {
@@ -433,7 +433,7 @@ MRESULT Pass::max_pool(const Tensor &in, const Tensor &out) const {
 // The four pyramid branches on the conv5_3 output *x, in table order (bins
 // 1, 2, 3, 6), each average pooling and a 1x1 convolution to 512 x n x n.
 // conv5_4 reads conv5_3 and then the branches resized to 60 x 60, in the
-// reverse order, pool6 first. The plain route resizes them with ly_interp and
+// reverse order, pool6 first. The reference route resizes them with ly_interp and
 // concatenates all five, returning the concatenation as the one part; the
 // fast route returns the five parts as they are, and its column copy resizes
 // the rows it needs as it reads them (net_interp_rows), so that neither the
@@ -447,13 +447,13 @@ MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int
   MRESULT st = HSEG_OK;
   for (int b = 0; b < kBranches && st == HSEG_OK; ++b) {
     const NetLayer &l = kNetLayers[first + b];
-    const int bins = l.in_size, window = kFeatureSize / bins;
+    const int bins = l.in_size, window = kNetScoreSize / bins;
     char name[40];
     std::snprintf(name, sizeof name, "conv5_3_pool%d", bins);
     Tensor pooled;
     st = make(name, x->c, pool_out(x->h, window, window, 0), pool_out(x->w, window, window, 0),
               &pooled, true);
-    if (st == HSEG_OK && hooks_.plain) {
+    if (st == HSEG_OK && hooks_.ref_route) {
       st = static_cast<MRESULT>(ly_pooling_avg_float(x->data, x->w, x->h, x->c, pooled.data,
                                                      window, window, window, window, 0, 0));
     } else if (st == HSEG_OK && !dry_) {
@@ -470,21 +470,21 @@ MRESULT Pass::pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int
   for (int b = 0; b < kBranches; ++b) parts[1 + b] = branch[kBranches - 1 - b];
   *count = 1 + kBranches;
   *x = Tensor{};
-  if (st != HSEG_OK || !hooks_.plain) return st;
+  if (st != HSEG_OK || !hooks_.ref_route) return st;
 
   for (int i = 1; i < *count && st == HSEG_OK; ++i) {
     Tensor resized;
     char name[40];
     std::snprintf(name, sizeof name, "conv5_3_pool%d_interp", parts[i].h);
-    st = make(name, parts[i].c, kFeatureSize, kFeatureSize, &resized);
+    st = make(name, parts[i].c, kNetScoreSize, kNetScoreSize, &resized);
     if (st == HSEG_OK)
       st = static_cast<MRESULT>(ly_interp(parts[i].data, resized.data, 1, parts[i].c, parts[i].h,
-                                          parts[i].w, 0, 0, kFeatureSize, kFeatureSize));
+                                          parts[i].w, 0, 0, kNetScoreSize, kNetScoreSize));
     drop(&parts[i]);
     parts[i] = resized;
   }
   Tensor concat;
-  if (st == HSEG_OK) st = make("conv5_3_concat", kConcatChannels, kFeatureSize, kFeatureSize, &concat);
+  if (st == HSEG_OK) st = make("conv5_3_concat", kConcatChannels, kNetScoreSize, kNetScoreSize, &concat);
   if (st == HSEG_OK)
     st = static_cast<MRESULT>(ly_concat_5(
         parts[0].data, static_cast<int>(parts[0].count()), parts[1].data,
@@ -540,8 +540,8 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
   if (st != HSEG_OK) return st;
   show(kNetLayers[layer].name, head);
   ++layer;
-  // Dropout is a copy onto itself at inference; only the plain route calls it.
-  if (hooks_.plain) {
+  // Dropout is a copy onto itself at inference; only the reference route calls it.
+  if (hooks_.ref_route) {
     st = static_cast<MRESULT>(ly_drop(head.data, head.data, static_cast<int>(head.count())));
     if (st != HSEG_OK) return st;
   }
@@ -595,9 +595,9 @@ MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
   for (int i = 0; i < kNetTensorCount; ++i)
     if (weights[i] == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   NetHooks h = hooks != nullptr ? *hooks : NetHooks{};
-  if (h.conv_output != nullptr) h.plain = true;
-  if (h.plain && h.winograd) return HSEG_ERR_BAD_ARGUMENT;
-  if (!h.plain) return run_in_arena(bgr, pitch, scores, weights, h);
+  if (h.conv_output != nullptr) h.ref_route = true;
+  if (h.ref_route && h.winograd) return HSEG_ERR_BAD_ARGUMENT;
+  if (!h.ref_route) return run_in_arena(bgr, pitch, scores, weights, h);
   if (h.alloc == nullptr || h.release == nullptr) {
     h.alloc = default_alloc;
     h.release = default_release;
