@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <iterator>
 #include <limits>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,9 +22,9 @@
 
 namespace {
 
-using hseg::kNetSide;
+using hseg::kNetInputSize;
 using hseg::kScoreCells;
-using hseg::kScoreSide;
+using hseg::kNetScoreSize;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr uint8_t kCanary = 0x5A;
@@ -156,21 +156,21 @@ struct FakeNet {
   static MRESULT run(void *ctx, const uint8_t *bgr, int32_t pitch, float *scores) {
     auto *self = static_cast<FakeNet *>(ctx);
     ++self->calls;
-    for (int y = 0; y < kNetSide; ++y)
-      for (int x = 0; x < 3 * kNetSide; ++x) self->guide_black &= bgr[y * pitch + x] == 0;
+    for (int y = 0; y < kNetInputSize; ++y)
+      for (int x = 0; x < 3 * kNetInputSize; ++x) self->guide_black &= bgr[y * pitch + x] == 0;
     for (int i = 0; self->probe_scores && i < 2 * kScoreCells; ++i) self->scores_zeroed &= scores[i] == 0.0f;
     if (self->status != HSEG_OK) return self->status;
     fake_scores(bgr, pitch, scores);
     return HSEG_OK;
   }
   static void fake_scores(const uint8_t *bgr, int32_t pitch, float *scores) {
-    for (int cy = 0; cy < kScoreSide; ++cy)
-      for (int cx = 0; cx < kScoreSide; ++cx) {
-        const uint8_t *p = bgr + (cy * kNetSide / kScoreSide + 4) * pitch +
-                           3 * (cx * kNetSide / kScoreSide + 4);
+    for (int cy = 0; cy < kNetScoreSize; ++cy)
+      for (int cx = 0; cx < kNetScoreSize; ++cx) {
+        const uint8_t *p = bgr + (cy * kNetInputSize / kNetScoreSize + 4) * pitch +
+                           3 * (cx * kNetInputSize / kNetScoreSize + 4);
         const float person = (p[2] > 150 && p[0] < 100) ? 0.9f : 0.1f;
-        scores[cy * kScoreSide + cx] = 1.0f - person;
-        scores[kScoreCells + cy * kScoreSide + cx] = person;
+        scores[cy * kNetScoreSize + cx] = 1.0f - person;
+        scores[kScoreCells + cy * kNetScoreSize + cx] = person;
       }
   }
   hseg::NetworkHook hook() { return hseg::NetworkHook{run, this}; }
@@ -218,26 +218,26 @@ TEST(CoarseMask, EdgeCasesOfTheRule) {
 // buffers give 2 before the network runs.
 TEST(FigureNet, NullScoreBufferStatusAndMissingBuffers) {
   const int32_t pitch = 1420;
-  std::vector<uint8_t> bytes(size_t(pitch) * kNetSide, 0);
-  for (int y = 0; y < kNetSide; ++y)  // red on the left half: the person
-    for (int x = 0; x < kNetSide / 2; ++x) bytes[y * pitch + 3 * x + 2] = 255;
-  const OffscreenImage guide{HSEG_PIXFMT_BGR24, kNetSide, kNetSide, {bytes.data()}, {pitch}};
+  std::vector<uint8_t> bytes(size_t(pitch) * kNetInputSize, 0);
+  for (int y = 0; y < kNetInputSize; ++y)  // red on the left half: the person
+    for (int x = 0; x < kNetInputSize / 2; ++x) bytes[y * pitch + 3 * x + 2] = 255;
+  const OffscreenImage guide{HSEG_PIXFMT_BGR24, kNetInputSize, kNetInputSize, {bytes.data()}, {pitch}};
   std::vector<uint8_t> mask(kScoreCells, kCanary);
-  OffscreenImage out{HSEG_PIXFMT_GRAY, kScoreSide, kScoreSide, {mask.data()}, {kScoreSide}};
+  OffscreenImage out{HSEG_PIXFMT_GRAY, kNetScoreSize, kNetScoreSize, {mask.data()}, {kNetScoreSize}};
 
   FakeNet net;
   net.probe_scores = true;
   ASSERT_EQ(hseg::figure_net(&guide, &out, nullptr, net.hook()), HSEG_OK);
   EXPECT_TRUE(net.scores_zeroed);
   for (int i = 0; i < kScoreCells; ++i)
-    ASSERT_EQ(mask[i], (i % kScoreSide) < kScoreSide / 2 ? 255 : 0) << "cell " << i;
+    ASSERT_EQ(mask[i], (i % kNetScoreSize) < kNetScoreSize / 2 ? 255 : 0) << "cell " << i;
   net.status = 9;
   EXPECT_EQ(hseg::figure_net(&guide, &out, nullptr, net.hook()), 9u);
   EXPECT_EQ(std::count(mask.begin(), mask.end(), 0), kScoreCells);
 
   std::fill(mask.begin(), mask.end(), kCanary);
   OffscreenImage no_plane{}, narrow = guide;
-  narrow.pitches[0] = 3 * kNetSide - 1;
+  narrow.pitches[0] = 3 * kNetInputSize - 1;
   EXPECT_EQ(FigureNet_il(nullptr, nullptr, &out, 0, nullptr, 0), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(FigureNet_il(nullptr, &guide, nullptr, 0, nullptr, 0), HSEG_ERR_BAD_ARGUMENT);
   EXPECT_EQ(FigureNet_il(nullptr, &guide, &no_plane, 0, nullptr, 0), HSEG_ERR_BAD_ARGUMENT);
@@ -258,9 +258,9 @@ TEST(FigureNet, RefusesDescriptorsItCannotServeAndStaysInsideTheBuffers) {
   float *score_floats = reinterpret_cast<float *>(scores.data());
   const uint32_t bgr = HSEG_PIXFMT_BGR24, grey = HSEG_PIXFMT_GRAY;
   const struct { uint32_t in_format; int in_w, in_h; uint32_t out_format; int out_w, out_h, out_pitch; } cases[] = {
-      {bgr, 10, 10, grey, 60, 60, 60},       {bgr, kNetSide, kNetSide, grey, 10, 10, 10},
-      {grey, kNetSide, kNetSide, grey, 60, 60, 60}, {bgr, kNetSide, kNetSide - 1, grey, 60, 60, 60},
-      {bgr, kNetSide, kNetSide, bgr, 60, 60, 180},  {bgr, kNetSide, kNetSide, grey, 61, 61, 60}};
+      {bgr, 10, 10, grey, 60, 60, 60},       {bgr, kNetInputSize, kNetInputSize, grey, 10, 10, 10},
+      {grey, kNetInputSize, kNetInputSize, grey, 60, 60, 60}, {bgr, kNetInputSize, kNetInputSize - 1, grey, 60, 60, 60},
+      {bgr, kNetInputSize, kNetInputSize, bgr, 60, 60, 180},  {bgr, kNetInputSize, kNetInputSize, grey, 61, 61, 60}};
   for (const auto &c : cases) {
     GuardedImage in(c.in_format, c.in_w, c.in_h, after);
     GuardedBuffer out_bytes(size_t(c.out_pitch) * (c.out_h - 1) + c.out_w, before, kCanary);
@@ -270,8 +270,8 @@ TEST(FigureNet, RefusesDescriptorsItCannotServeAndStaysInsideTheBuffers) {
     EXPECT_EQ(std::count(out_bytes.data(), out_bytes.data() + out_bytes.size(), kCanary),
               std::ptrdiff_t(out_bytes.size()));
   }
-  GuardedImage in(bgr, kNetSide, kNetSide, after), out(grey, 60, 60, before, kCanary);
-  for (int i = 0; i < 3 * kNetSide * kNetSide; ++i) in.desc().planes[0][i] = uint8_t(i % 251);
+  GuardedImage in(bgr, kNetInputSize, kNetInputSize, after), out(grey, 60, 60, before, kCanary);
+  for (int i = 0; i < 3 * kNetInputSize * kNetInputSize; ++i) in.desc().planes[0][i] = uint8_t(i % 251);
   ASSERT_EQ(FigureNet_il(nullptr, &in.desc(), &out.desc(), 0, score_floats, 0), HSEG_OK);
   std::vector<uint8_t> want(kScoreCells);
   hseg::coarse_mask(score_floats, want.data());
@@ -361,29 +361,29 @@ class AroundTheNetwork : public ::testing::Test {
     // The reference 473x473 mask, built from the stages called directly: the
     // area resize, the stand-in scores, and the CRF with the pipeline's two
     // weights (16 and 15).
-    reference_ = new std::vector<uint8_t>(size_t(kNetSide) * kNetSide, kCanary);
-    std::vector<uint8_t> guide(size_t(3) * kNetSide * kNetSide);
-    OffscreenImage g{HSEG_PIXFMT_BGR24, kNetSide, kNetSide, {guide.data()}, {3 * kNetSide}};
-    OffscreenImage f{HSEG_PIXFMT_GRAY, kNetSide, kNetSide, {reference_->data()}, {kNetSide}};
+    reference_ = new std::vector<uint8_t>(size_t(kNetInputSize) * kNetInputSize, kCanary);
+    std::vector<uint8_t> guide(size_t(3) * kNetInputSize * kNetInputSize);
+    OffscreenImage g{HSEG_PIXFMT_BGR24, kNetInputSize, kNetInputSize, {guide.data()}, {3 * kNetInputSize}};
+    OffscreenImage f{HSEG_PIXFMT_GRAY, kNetInputSize, kNetInputSize, {reference_->data()}, {kNetInputSize}};
     ASSERT_EQ(LumResizeToBGR(nullptr, &bgr_->desc, &g), HSEG_OK);
     std::vector<float> scores(2 * kScoreCells);
-    FakeNet::fake_scores(guide.data(), 3 * kNetSide, scores.data());
+    FakeNet::fake_scores(guide.data(), 3 * kNetInputSize, scores.data());
     UpsamplingParams params;
     ParamUpsampling2(&params);
     params.smooth_weight = 16.0f;
     params.appear_weight = 15.0f;
-    ASSERT_EQ(DCR_Upsampling2(nullptr, &g, &params, scores.data(), kScoreSide, kScoreSide, &f), HSEG_OK);
+    ASSERT_EQ(DCR_Upsampling2(nullptr, &g, &params, scores.data(), kNetScoreSize, kNetScoreSize, &f), HSEG_OK);
     // Both labels well represented, so that the comparisons below mean something.
     ASSERT_TRUE(binary(*reference_));
     const auto n255 = std::count(reference_->begin(), reference_->end(), 255);
-    EXPECT_GT(n255, kNetSide * kNetSide / 20);
-    EXPECT_LT(n255, kNetSide * kNetSide * 19 / 20);
+    EXPECT_GT(n255, kNetInputSize * kNetInputSize / 20);
+    EXPECT_LT(n255, kNetInputSize * kNetInputSize * 19 / 20);
   }
   static void TearDownTestSuite() {
     delete reference_;
     delete bgr_;
   }
-  static uint8_t ref(int x, int y) { return (*reference_)[size_t(y) * kNetSide + x]; }
+  static uint8_t ref(int x, int y) { return (*reference_)[size_t(y) * kNetInputSize + x]; }
 
   static Frame *bgr_;
   static std::vector<uint8_t> *reference_;
@@ -412,9 +412,9 @@ TEST_F(AroundTheNetwork, EveryOutputSizeIsTheNearestResizeOfTheFineMask) {
     EXPECT_GE(t.total, t.resize + t.network + t.crf + t.final_resize);
     EXPECT_GT(t.crf, 0.0);
     for (int y = 0; y < c.h; ++y) {
-      const int sy = nn_source(y, kNetSide, c.h);
+      const int sy = nn_source(y, kNetInputSize, c.h);
       for (int x = 0; x < c.w; ++x)
-        ASSERT_EQ(mask.bytes[y * c.pitch + x], ref(nn_source(x, kNetSide, c.w), sy))
+        ASSERT_EQ(mask.bytes[y * c.pitch + x], ref(nn_source(x, kNetInputSize, c.w), sy))
             << c.w << "x" << c.h << " at (" << x << ", " << y << ")";
       for (int x = c.w; x < c.pitch; ++x)
         ASSERT_EQ(mask.bytes[y * c.pitch + x], kCanary) << "byte between rows, row " << y;
@@ -559,7 +559,7 @@ TEST(HsegEndToEnd, FormatsAgreeFastAgreesAndFourThreadsGiveTheSerialMasks) {
     EXPECT_TRUE(binary(exact.back()) && binary(quick.back())) << std::hex << f;
     EXPECT_GE(agreement(exact.back(), exact[0]), 0.99) << "format " << std::hex << f << " against BGR";
     const double a = agreement(exact.back(), quick.back());
-    std::printf("format %#x: fast and exact masks agree on %.3f%% of the pixels\n", f, 100 * a);
+    RecordProperty("agreement_format_" + std::to_string(f), std::to_string(a));
     EXPECT_GE(a, 0.995) << "format " << std::hex << f;
   }
   // A null options record is Hseg, and so is a first-version record.
@@ -590,16 +590,16 @@ TEST(HsegEndToEnd, FormatsAgreeFastAgreesAndFourThreadsGiveTheSerialMasks) {
 // and one without.
 TEST(HsegEndToEnd, FastAgreesOnTheExamplePictures) {
   for (const char *name : {"astronaut.png", "coffee.png"}) {
-    const std::vector<uint8_t> bgr = hseg_test::example_bgr(name, 3 * kNetSide);
+    const std::vector<uint8_t> bgr = hseg_test::example_bgr(name, 3 * kNetInputSize);
     ASSERT_FALSE(bgr.empty()) << "cannot read examples/" << name;
-    const OffscreenImage src{HSEG_PIXFMT_BGR24, kNetSide, kNetSide,
-                             {const_cast<uint8_t *>(bgr.data())}, {3 * kNetSide}};
-    Mask exact(kNetSide, kNetSide, kNetSide), fast = exact;
+    const OffscreenImage src{HSEG_PIXFMT_BGR24, kNetInputSize, kNetInputSize,
+                             {const_cast<uint8_t *>(bgr.data())}, {3 * kNetInputSize}};
+    Mask exact(kNetInputSize, kNetInputSize, kNetInputSize), fast = exact;
     const HsegOptions options{sizeof(HsegOptions), HSEG_NETWORK_FAST, nullptr};
     ASSERT_EQ(Hseg(nullptr, &src, &exact.desc, 0, 0), HSEG_OK);
     ASSERT_EQ(HsegEx(nullptr, &src, &fast.desc, &options), HSEG_OK);
     const double a = agreement(exact.packed(), fast.packed());
-    std::printf("%s: fast and exact masks agree on %.3f%% of the pixels\n", name, 100 * a);
+    RecordProperty(std::string("agreement_") + name, std::to_string(a));
     EXPECT_GE(a, 0.995) << name;
   }
 }

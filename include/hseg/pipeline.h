@@ -12,6 +12,22 @@
  * thread pool (as many threads as OpenBLAS uses, less the caller's) and the
  * fast network's transformed filters (see HsegEx). Nothing else is kept
  * between calls.
+ *
+ * Compatibility promises. Programs already written against this interface
+ * rely on a few behaviours that would not be designed this way today; they
+ * are fixed interface behaviour and will not change (each is noted again
+ * where it is declared, marked "Fixed interface behaviour"):
+ *   - createimg_pesudo and release_img_pesudo keep that spelling, and a view
+ *     made over a NULL buffer keeps its row table on release (this header);
+ *   - Hseg allocates an image of the mask's size and a view over the mask
+ *     that it never reads, so a mask size that cannot be afforded fails up
+ *     front with HSEG_ERR_NO_MEMORY (this header);
+ *   - the layer functions ly_* return 64-bit statuses, and convmul returns
+ *     nothing: on bad input it leaves the result unwritten (flatnn.h);
+ *   - ly_interp aborts with its fixed assertion texts on an empty or
+ *     out-of-image window, in release builds too (flatnn.h);
+ *   - crf_inference reports success when a filtering step fails, keeping
+ *     the old marginals for that iteration (crf.h).
  */
 #ifndef HSEG_PIPELINE_H_
 #define HSEG_PIPELINE_H_
@@ -73,8 +89,8 @@ typedef uint32_t MRESULT;
  * dereferences it. Pass 0 (NULL) when you have no context of your own. */
 typedef void *MHandle;
 
-/* Allocates `size` bytes (size is widened with its sign, so a negative size
- * fails). Returns NULL on failure; the contents are undefined. */
+/* Allocates `size` bytes; a negative size fails. Returns NULL on failure;
+ * the contents are undefined. */
 HSEG_API void *MMemAlloc(MHandle handle, int32_t size);
 /* Releases a block from MMemAlloc; NULL is allowed. */
 HSEG_API void MMemFree(MHandle handle, void *ptr);
@@ -131,7 +147,8 @@ HSEG_API Image *cloneimg(MHandle handle, const Image *src);
  * given (size = height * pitch). The view owns only its row table; the buffer
  * stays the caller's and must outlive the view. Returns NULL when an
  * allocation fails or height * pitch does not fit in 32 bits. Release with
- * release_img_pesudo. */
+ * release_img_pesudo. Fixed interface behaviour: the name keeps its
+ * spelling. */
 HSEG_API Image *createimg_pesudo(MHandle handle, uint8_t *buffer, uint32_t width,
                                  uint32_t height, uint32_t depth,
                                  uint32_t channels, uint32_t pitch);
@@ -142,15 +159,19 @@ HSEG_API void release_img(MHandle handle, Image **img);
 
 /* Releases a view from createimg_pesudo and sets *img to NULL; never frees
  * the caller's buffer. The row table is freed only when the view's data
- * pointer is non-NULL: a view made over a NULL buffer keeps its row table
- * (intended; such views are never made by the library). */
+ * pointer is non-NULL. Fixed interface behaviour: a view made over a NULL
+ * buffer keeps its row table (the library never makes such views). */
 HSEG_API void release_img_pesudo(MHandle handle, Image **img);
 
 /* Zeroes `size` bytes of the image's data when img and its data are
  * non-NULL. Returns img. */
 HSEG_API Image *clear_img(Image *img);
 
-/* ---- network pass ---- */
+/* Network pass */
+
+/* Side of the network's square BGR input, and of each of its score planes. */
+#define HSEG_NET_INPUT_SIZE 473
+#define HSEG_NET_SCORE_SIZE 60
 
 /* Runs the segmentation network (a pyramid-pooling head on a 101-layer
  * dilated residual backbone) on one 473x473 BGR image and writes its two
@@ -184,9 +205,7 @@ HSEG_API Image *clear_img(Image *img);
 HSEG_API MRESULT fr_extract_feature_deeplab_pspnet(const uint8_t *bgr, int32_t pitch,
                                                    float *scores, uint64_t reserved);
 
-/* ---- end of network pass ---- */
-
-/* ---- segmentation entry ---- */
+/* Segmentation entry */
 
 /* Segments the person in `src` and writes the mask into `dst`: 255 where the
  * person is, 0 for background.
@@ -196,16 +215,19 @@ HSEG_API MRESULT fr_extract_feature_deeplab_pspnet(const uint8_t *bgr, int32_t p
  * guided by the colour image, and resized to dst's size by nearest neighbour.
  * Most of a call's memory is the network pass's (see
  * fr_extract_feature_deeplab_pspnet) and the CRF's; Hseg itself adds about
- * 1 MB of working images and one image of dst's size.
+ * 1 MB of working images and one image of dst's size. Fixed interface
+ * behaviour: that image, and a view over dst, are allocated and never read,
+ * so a mask size that cannot be afforded fails before any work is done.
  *
  * mem:      memory context, handed unchanged to every allocation.
  * src:      the frame, read only. Formats and the planes they read:
  *             HSEG_PIXFMT_BGR24 plane 0, pitch 0 >= 3 * width;
  *             HSEG_PIXFMT_YUY2  plane 0, pitch 0 >= 4 * ((width + 1) / 2);
  *             HSEG_PIXFMT_I420  planes 0, 1, 2: Y with pitch 0 >= width, U
- *                               and V both stepped with pitch 1 >=
- *                               (width + 1) / 2 (pitch 2 is not read, so
- *                               give both chroma planes the same pitch);
+ *                               and V with pitches 1 and 2 >=
+ *                               (width + 1) / 2; both chroma planes are
+ *                               stepped with pitch 1, so give them the same
+ *                               pitch;
  *             HSEG_PIXFMT_NV21  planes 0, 1: Y with pitch 0 >= width, V,U
  *                               pairs with pitch 1 >= 2 * ((width + 1) / 2).
  *           Any other format code gives HSEG_ERR_FORMAT.
@@ -309,9 +331,7 @@ HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *
 HSEG_API MRESULT FigureNet_il(MHandle mem, const OffscreenImage *in, OffscreenImage *out,
                               uint64_t reserved, float *scores, int32_t flags);
 
-/* ---- end of segmentation entry ---- */
-
-/* ---- background effects ---- */
+/* Background effects */
 
 /* A frame composited through a person mask with a blurred copy of itself or
  * with another picture: the person stays sharp, the background changes.
@@ -378,8 +398,6 @@ HSEG_API MRESULT HsegSegmentBackground(MHandle mem, const OffscreenImage *frame,
                                        const HsegOptions *options,
                                        const HsegBackgroundEffect *effect,
                                        OffscreenImage *out);
-
-/* ---- end of background effects ---- */
 
 #ifdef __cplusplus
 } /* extern "C" */

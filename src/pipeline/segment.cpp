@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/pixfmt.h"
 #include "hseg/crf.h"
 #include "hseg/pipeline.h"
 #include "hseg/resize.h"
@@ -46,10 +47,9 @@ OffscreenImage describe(const Image *img) {
   return d;
 }
 
-// Everything one call owns. The unused slots are kept on purpose: `out_size`
-// and `dst_view` are allocated and released without being read, so that a
-// caller whose mask size cannot be allocated gets HSEG_ERR_NO_MEMORY here
-// rather than later; `spare` is never set.
+// Everything one call owns. Fixed interface behaviour: `out_size` and
+// `dst_view` are allocated and released without being read, so that a caller
+// whose mask size cannot be allocated gets HSEG_ERR_NO_MEMORY before any work.
 struct Work {
   MHandle mem;
   Image *guide = nullptr;     // 473x473 BGR: network input and CRF guide
@@ -58,7 +58,6 @@ struct Work {
   Image *fine = nullptr;      // 473x473 mask from the CRF
   Image *out_size = nullptr;  // an image of the caller's mask size
   Image *dst_view = nullptr;  // a view over the caller's mask
-  Image *spare = nullptr;
 
   explicit Work(MHandle m) : mem(m) {}
   Work(const Work &) = delete;
@@ -67,7 +66,6 @@ struct Work {
     release_img(mem, &guide);
     release_img(mem, &coarse);
     release_img(mem, &fine);
-    release_img(mem, &spare);
     release_img(mem, &out_size);
     release_img_pesudo(mem, &dst_view);
     MMemFree(mem, scores);
@@ -80,21 +78,18 @@ double seconds_since(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-// Rows of the stated byte count fit in `pitch`; widths are >= 1 here.
-bool pitch_holds(int32_t pitch, int64_t row_bytes) { return pitch >= row_bytes; }
-
 MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
                    int32_t flags, const NetworkHook &net, HsegStageTimes *times) {
   UpsamplingParams params;
   ParamUpsampling2(&params);
 
-  w.guide = createimg(w.mem, kNetSide, kNetSide, 8, 3);
+  w.guide = createimg(w.mem, kNetInputSize, kNetInputSize, 8, 3);
   if (w.guide == nullptr) return HSEG_ERR_NO_MEMORY;
-  w.coarse = createimg(w.mem, kScoreSide, kScoreSide, 8, 1);
+  w.coarse = createimg(w.mem, kNetScoreSize, kNetScoreSize, 8, 1);
   if (w.coarse == nullptr) return HSEG_ERR_NO_MEMORY;
   w.scores = static_cast<float *>(MMemAlloc(w.mem, kScoreBytes));
   if (w.scores == nullptr) return HSEG_ERR_NO_MEMORY;
-  w.fine = createimg(w.mem, kNetSide, kNetSide, 8, 1);
+  w.fine = createimg(w.mem, kNetInputSize, kNetInputSize, 8, 1);
   if (w.fine == nullptr) return HSEG_ERR_NO_MEMORY;
   w.out_size = createimg(w.mem, dst->width, dst->height, 8, 1);
   if (w.out_size == nullptr) return HSEG_ERR_NO_MEMORY;
@@ -112,7 +107,7 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
   t = Clock::now();
   OffscreenImage coarse = describe(w.coarse);
   s = figure_net(&guide, &coarse, w.scores, net);
-  (void)flags;  // handed on to the network wrapper, which has no use for it
+  (void)flags;  // not used by any stage; kept in the signature for callers
   if (times != nullptr) times->network = seconds_since(t);
   if (s != HSEG_OK) return s;
 
@@ -121,13 +116,13 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
   OffscreenImage fine = describe(w.fine);
   params.smooth_weight = kSmoothnessWeight;
   params.appear_weight = kAppearanceWeight;
-  s = DCR_Upsampling2(w.mem, &guide, &params, w.scores, kScoreSide, kScoreSide, &fine);
+  s = DCR_Upsampling2(w.mem, &guide, &params, w.scores, kNetScoreSize, kNetScoreSize, &fine);
   if (times != nullptr) times->crf = seconds_since(t);
   if (s != HSEG_OK) return s;
 
   t = Clock::now();
-  s = zevImageResize_NN(w.mem, w.fine->data, static_cast<int32_t>(w.fine->pitch), kNetSide,
-                        kNetSide, dst->planes[0], dst->pitches[0], dst->width, dst->height, 1);
+  s = zevImageResize_NN(w.mem, w.fine->data, static_cast<int32_t>(w.fine->pitch), kNetInputSize,
+                        kNetInputSize, dst->planes[0], dst->pitches[0], dst->width, dst->height, 1);
   if (times != nullptr) times->final_resize = seconds_since(t);
   return s;
 }
@@ -163,38 +158,19 @@ void coarse_mask(const float *scores, uint8_t *out) {
 
 MRESULT check_segment_args(const OffscreenImage *src, const OffscreenImage *dst) {
   if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
-  if (dst->width < 1 || dst->height < 1 || dst->planes[0] == nullptr ||
-      !pitch_holds(dst->pitches[0], dst->width))
-    return HSEG_ERR_BAD_ARGUMENT;
-  if (src->width < 1 || src->height < 1) return HSEG_ERR_BAD_ARGUMENT;
-
-  const int64_t w = src->width;
-  const int64_t chroma_w = (w + 1) / 2;  // 4:2:x chroma pairs a row
+  // The mask is one byte a pixel, whatever format its descriptor names.
+  OffscreenImage mask = *dst;
+  mask.format = HSEG_PIXFMT_GRAY;
+  if (!pixfmt::planes_ok(mask) || src->width < 1 || src->height < 1) return HSEG_ERR_BAD_ARGUMENT;
   switch (src->format) {
     case HSEG_PIXFMT_BGR24:
-      if (src->planes[0] == nullptr || !pitch_holds(src->pitches[0], 3 * w))
-        return HSEG_ERR_BAD_ARGUMENT;
-      break;
     case HSEG_PIXFMT_YUY2:
-      if (src->planes[0] == nullptr || !pitch_holds(src->pitches[0], 4 * chroma_w))
-        return HSEG_ERR_BAD_ARGUMENT;
-      break;
     case HSEG_PIXFMT_I420:
-      // Both chroma planes are stepped with pitch 1.
-      if (src->planes[0] == nullptr || src->planes[1] == nullptr ||
-          src->planes[2] == nullptr || !pitch_holds(src->pitches[0], w) ||
-          !pitch_holds(src->pitches[1], chroma_w))
-        return HSEG_ERR_BAD_ARGUMENT;
-      break;
     case HSEG_PIXFMT_NV21:
-      if (src->planes[0] == nullptr || src->planes[1] == nullptr ||
-          !pitch_holds(src->pitches[0], w) || !pitch_holds(src->pitches[1], 2 * chroma_w))
-        return HSEG_ERR_BAD_ARGUMENT;
-      break;
+      return pixfmt::planes_ok(*src) ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
     default:
-      break;  // the area resize answers HSEG_ERR_FORMAT
+      return HSEG_OK;  // the area resize answers HSEG_ERR_FORMAT
   }
-  return HSEG_OK;
 }
 
 MRESULT figure_net(const OffscreenImage *in, OffscreenImage *out, float *scores,
@@ -203,9 +179,9 @@ MRESULT figure_net(const OffscreenImage *in, OffscreenImage *out, float *scores,
   // out as 3600 contiguous bytes, which a one-channel image of at least
   // 60x60 whose pitch holds its row always has room for.
   if (in == nullptr || out == nullptr || in->planes[0] == nullptr ||
-      in->format != HSEG_PIXFMT_BGR24 || in->width != kNetSide || in->height != kNetSide ||
-      in->pitches[0] < 3 * kNetSide || out->planes[0] == nullptr ||
-      out->format != HSEG_PIXFMT_GRAY || out->width < kScoreSide || out->height < kScoreSide ||
+      in->format != HSEG_PIXFMT_BGR24 || in->width != kNetInputSize || in->height != kNetInputSize ||
+      in->pitches[0] < 3 * kNetInputSize || out->planes[0] == nullptr ||
+      out->format != HSEG_PIXFMT_GRAY || out->width < kNetScoreSize || out->height < kNetScoreSize ||
       out->pitches[0] < out->width)
     return HSEG_ERR_BAD_ARGUMENT;
   float *scratch = nullptr;

@@ -7,12 +7,11 @@
 #include <cstdint>
 
 #include "hseg/pipeline.h"
+#include "network.h"
 
 namespace hseg {
 
-constexpr int32_t kNetSide = 473;    // side of the network's BGR input
-constexpr int32_t kScoreSide = 60;   // side of each score plane
-constexpr int32_t kScoreCells = kScoreSide * kScoreSide;
+constexpr int32_t kScoreCells = kNetScoreSize * kNetScoreSize;
 
 // Fills 2 x 60 x 60 scores (background plane, then person plane) from the
 // 473x473 BGR image at `bgr`, rows `pitch` bytes apart. Returns a status.
