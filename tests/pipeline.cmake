@@ -59,8 +59,9 @@ if(TARGET hseg-segment)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)
   target_compile_definitions(segment_tool_test PRIVATE
     HSEG_SEGMENT_TOOL="$<TARGET_FILE:hseg-segment>"
+    HSEG_EXAMPLE_PROGRAM="$<TARGET_FILE:blur_background>"
     HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
-  add_dependencies(segment_tool_test hseg-segment)
+  add_dependencies(segment_tool_test hseg-segment blur_background)
 endif()
 # ---- end of segmentation entry ----
 
