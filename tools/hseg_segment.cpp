@@ -154,7 +154,7 @@ struct Options {
   Size mask_size;          // 0x0: the input's size
   uint32_t raw = 0;        // HSEG_PIXFMT_* of raw input; 0 for a picture
   Size raw_size;
-  HsegOptions segmentation = {sizeof(HsegOptions), HSEG_NETWORK_EXACT};
+  HsegOptions segmentation = {sizeof(HsegOptions), HSEG_NETWORK_EXACT};  // which network runs
   bool time = false;
   bool help = false;
 
