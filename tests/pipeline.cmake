@@ -12,7 +12,7 @@ target_compile_definitions(network_test PRIVATE
 hseg_add_test(weights_tool_test SOURCES weights_tool_test.cpp
   ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp ${PROJECT_SOURCE_DIR}/src/pipeline/net_layers.cpp)
 target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(weights_tool_test PRIVATE nlohmann_json::nlohmann_json)
+target_link_libraries(weights_tool_test PRIVATE hseg_tool_files nlohmann_json::nlohmann_json)
 if(HSEG_WEIGHTS)
   set(synthetic 0)
 else()
@@ -34,7 +34,8 @@ hseg_add_test(caffe_import_test LIBS hseg_pipeline SOURCES caffe_import_test.cpp
   ${PROJECT_SOURCE_DIR}/tools/caffe_import.cpp
   ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
 target_include_directories(caffe_import_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)
-target_link_libraries(caffe_import_test PRIVATE nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
+target_link_libraries(caffe_import_test PRIVATE hseg_tool_files nlohmann_json::nlohmann_json
+  ${CMAKE_DL_LIBS})
 target_compile_definitions(caffe_import_test PRIVATE
   HSEG_WEIGHTS_TOOL="$<TARGET_FILE:hseg-weights>"
   HSEG_WEIGHTS_FILE="${HSEG_WEIGHTS_FILE}"
