@@ -219,7 +219,7 @@ bool outputs_fit(const Options &opt, const Size *input) {
 // message when it refuses the value.
 using OptionAction = bool (*)(const char *name, const std::string &value, Options *opt);
 
-struct OptionSpec {
+struct OptionEntry {
   const char *name;
   const char *alias;  // a short form, or null
   bool takes_value;
@@ -261,7 +261,7 @@ bool store_sigma(const char *name, const std::string &value, Options *opt) {
   return false;
 }
 
-const OptionSpec kOptions[] = {
+const OptionEntry kOptions[] = {
     {"--mask", "-o", true, store<&Options::mask>},
     {"--cutout", nullptr, true, store<&Options::cutout>},
     {"--overlay", nullptr, true, store<&Options::overlay>},
@@ -277,8 +277,8 @@ const OptionSpec kOptions[] = {
      [](const char *, const std::string &, Options *opt) { return opt->help = true; }},
 };
 
-const OptionSpec *find_option(const std::string &arg) {
-  for (const OptionSpec &o : kOptions)
+const OptionEntry *find_option(const std::string &arg) {
+  for (const OptionEntry &o : kOptions)
     if (arg == o.name || (o.alias != nullptr && arg == o.alias)) return &o;
   return nullptr;
 }
@@ -350,27 +350,27 @@ int parse_args(int argc, char **argv, Options *opt) {
       value = arg.substr(eq + 1);
       arg.erase(eq);
     }
-    const OptionSpec *spec = find_option(arg);
-    if (spec == nullptr) {
+    const OptionEntry *entry = find_option(arg);
+    if (entry == nullptr) {
       complain("unknown option '%s'; see --help", arg.c_str());
       return kExitUsage;
     }
-    if (!spec->takes_value && inline_value) {
+    if (!entry->takes_value && inline_value) {
       complain("option %s takes no value", arg.c_str());
       return kExitUsage;
     }
-    if (spec->takes_value && !inline_value) {
+    if (entry->takes_value && !inline_value) {
       if (i + 1 >= argc) {
         complain("option %s needs a value; see --help", arg.c_str());
         return kExitUsage;
       }
       value = argv[++i];
     }
-    if (spec->takes_value && value.empty()) {
+    if (entry->takes_value && value.empty()) {
       complain("option %s needs a non-empty value", arg.c_str());
       return kExitUsage;
     }
-    if (!spec->apply(spec->name, value, opt)) return kExitUsage;
+    if (!entry->apply(entry->name, value, opt)) return kExitUsage;
   }
   return opt->help ? kExitOk : check_options(opt);
 }
