@@ -19,6 +19,10 @@ find_package(nlohmann_json 3 REQUIRED)
 set(HSEG_WEIGHTS "" CACHE FILEPATH
     "Weights file (safetensors) for libdeeplab_data.so; empty for synthetic weights")
 
+# Owning stdio streams and file messages, shared by both tools.
+add_library(hseg_tool_files STATIC tools/stdio_file.cpp)
+target_include_directories(hseg_tool_files PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tools)
+
 # Built for the machine that runs the build. It runs the network pass itself
 # (without the linked weights) to calibrate the synthetic weights, so it links
 # the network component, the same objects as libhseg's.
@@ -30,8 +34,8 @@ add_executable(hseg-weights
   tools/caffe_import.cpp
   tools/elf_symbols.cpp)
 target_include_directories(hseg-weights PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tools)
-target_link_libraries(hseg-weights PRIVATE hseg_network nlohmann_json::nlohmann_json
-  ${CMAKE_DL_LIBS})
+target_link_libraries(hseg-weights PRIVATE hseg_network hseg_tool_files
+  nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
 set_target_properties(hseg-weights PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 
 set(HSEG_GENERATED_DIR ${CMAKE_BINARY_DIR}/generated)

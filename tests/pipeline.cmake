@@ -14,7 +14,7 @@ hseg_add_test(net_winograd_test LIBS hseg_pipeline SOURCES net_winograd_test.cpp
 hseg_add_test(weights_tool_test LIBS hseg_network SOURCES weights_tool_test.cpp
   ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
 target_include_directories(weights_tool_test PRIVATE ${PROJECT_SOURCE_DIR}/tools ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(weights_tool_test PRIVATE nlohmann_json::nlohmann_json)
+target_link_libraries(weights_tool_test PRIVATE hseg_tool_files nlohmann_json::nlohmann_json)
 if(HSEG_WEIGHTS)
   set(synthetic 0)
 else()
@@ -36,7 +36,8 @@ hseg_add_test(caffe_import_test LIBS hseg_pipeline SOURCES caffe_import_test.cpp
   ${PROJECT_SOURCE_DIR}/tools/caffe_import.cpp
   ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)
 target_include_directories(caffe_import_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)
-target_link_libraries(caffe_import_test PRIVATE nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
+target_link_libraries(caffe_import_test PRIVATE hseg_tool_files nlohmann_json::nlohmann_json
+  ${CMAKE_DL_LIBS})
 target_compile_definitions(caffe_import_test PRIVATE
   HSEG_WEIGHTS_TOOL="$<TARGET_FILE:hseg-weights>"
   HSEG_WEIGHTS_FILE="${HSEG_WEIGHTS_FILE}"
@@ -63,8 +64,9 @@ if(HSEG_BUILD_TOOLS)
   hseg_add_test(segment_tool_test SOURCES segment_tool_test.cpp)
   target_compile_definitions(segment_tool_test PRIVATE
     HSEG_SEGMENT_TOOL="$<TARGET_FILE:hseg-segment>"
+    HSEG_EXAMPLE_PROGRAM="$<TARGET_FILE:blur_background>"
     HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
-  add_dependencies(segment_tool_test hseg-segment)
+  add_dependencies(segment_tool_test hseg-segment blur_background)
 endif()
 
 # Background effects

@@ -1,6 +1,7 @@
 // hseg-segment as a person uses it: messages and exit statuses for bad
-// input, outputs that fail to be written, and a two-frame raw YUY2 file
-// segmented end to end.
+// input, outputs that fail to be written, and raw YUY2 frames segmented end
+// to end with their background blurred or replaced, from a file and through
+// pipes; and the example program, which must give the tool's frames.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -36,15 +37,29 @@ struct ToolRun {
   std::string out, err;
 };
 
-// Runs the tool with `args` (already shell-quoted where needed), after the
-// shell commands `before` (a ulimit, say).
-ToolRun run_tool(const std::string &args, const std::string &before = "") {
+// Runs `program` (the tool by default) with `args` (already shell-quoted
+// where needed), after the shell commands `before` (a ulimit, say).
+ToolRun run_tool(const std::string &args, const std::string &before = "",
+                 const std::string &program = HSEG_SEGMENT_TOOL) {
   const std::string out = path("stdout.txt"), err = path("stderr.txt");
-  const std::string cmd = before + "exec '" + HSEG_SEGMENT_TOOL + "' " + args + " >'" + out +
-                          "' 2>'" + err + "' </dev/null";
+  const std::string cmd = before + "exec '" + program + "' " + args + " >'" + out + "' 2>'" +
+                          err + "' </dev/null";
   ToolRun r;
   const int raw = std::system(cmd.c_str());
   r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  r.out = read_file(out);
+  r.err = read_file(err);
+  return r;
+}
+
+// Runs the tool between two pipes: the file `input` fed to its standard
+// input, its standard output read from the other end.
+ToolRun run_piped(const std::string &input, const std::string &args) {
+  const std::string out = path("stdout.txt"), err = path("stderr.txt"), st = path("status.txt");
+  const std::string cmd = "cat '" + input + "' | { '" HSEG_SEGMENT_TOOL "' " + args + " 2>'" +
+                          err + "'; echo $? >'" + st + "'; } | cat >'" + out + "'";
+  ToolRun r;
+  if (std::system(cmd.c_str()) == 0) r.status = std::atoi(read_file(st).c_str());
   r.out = read_file(out);
   r.err = read_file(err);
   return r;
@@ -92,9 +107,10 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
       {"unsupported format", text, 1, "unsupported format"},
       {"PNG cut to 20 bytes", "'" + path("cut.png") + "'", 1, "cannot decode '" + path("cut.png") + "': the file is truncated"},
       {"raw size not whole frames", "--raw yuy2 --size 16x16 '" + path("odd.yuy2") + "'", 1,
-       "(1000 bytes) is not a whole number of 16x16 yuy2 frames (512 bytes each)"},
+       "odd.yuy2' ends 488 bytes into frame 1, after 1 whole frame: a 16x16 yuy2 frame has "
+       "512 bytes"},
       {"empty raw file", "--raw nv21 --size 4x4 '" + path("empty.nv21") + "'", 1,
-       "not a whole number"},
+       "empty.nv21' holds no frames"},
       {"directory as raw input", "--raw nv21 --size 4x4 " + dir, 1, "': Is a directory"},
       {"directory as picture", dir, 1, "cannot read '" + path("dir") + "': Is a directory"},
       {"mask beyond the output limit",
@@ -104,6 +120,21 @@ TEST(SegmentTool, BadInputGivesAMessageAndAnExitStatus) {
       {"raw cut-out beyond the output limit",
        "--raw nv21 --size 8200x8200 --mask-size 8x8 --cutout c.png '" + path("one.yuy2") + "'", 2,
        "the cut-out would be 8200x8200"},
+      {"blur of sigma 0", "--blur-background 0 --output o.png " + text, 2,
+       "bad --blur-background '0'"},
+      {"effect without --output", "--blur-background 4 " + text, 2, "needs --output FILE"},
+      {"--output without an effect", "--output o.png " + text, 2, "--output needs"},
+      {"two effects",
+       "--blur-background 4 --replace-background " + text + " --output o.png " + text, 2,
+       "not both"},
+      {"standard input as a picture", "-", 2, "give --raw FORMAT and --size"},
+      {"two outputs to standard output",
+       "--raw nv21 --size 4x4 -o - --blur-background 2 --output - -", 2,
+       "only one output can go to standard output"},
+      {"missing background picture",
+       "--raw yuy2 --size 64x48 --replace-background '" + path("nothing-here.png") +
+           "' --output o.yuy2 '" + path("one.yuy2") + "'",
+       1, "cannot open '" + path("nothing-here.png") + "'"},
   };
   for (const Case &c : cases) {
     const ToolRun r = run_tool(c.args);
@@ -128,20 +159,22 @@ TEST(SegmentTool, FailedWritesExitOneAndLeaveNoOutputs) {
   struct Case {
     const char *what, *before;
     std::string args;
-    const char *message;
+    const char *message, *note;
   };
+  // The 64x48 frame is enlarged for the network, and a note says so.
   const Case cases[] = {
       {"raw mask to a full device", "", "--raw yuy2 --size 64x48 -o /dev/full '" + path("one.yuy2") + "'",
-       "cannot write '/dev/full': No space left on device"},
+       "cannot write '/dev/full': No space left on device", "enlarging it to 473x473"},
       {"cut-out to a full device", "", picture + " -o '" + out + "/m.png' --cutout /dev/full",
-       "cannot write '/dev/full': No space left on device"},
+       "cannot write '/dev/full': No space left on device", ""},
       {"overlay past the file-size limit", "ulimit -f 2; ",
-       picture + " -o '" + out + "/m.png' --overlay '" + out + "/ov.png'", "': File too large"},
+       picture + " -o '" + out + "/m.png' --overlay '" + out + "/ov.png'", "': File too large", ""},
   };
   for (const Case &c : cases) {
     const ToolRun r = run_tool(c.args, c.before);
     EXPECT_EQ(r.status, 1) << c.what << "\n" << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": got\n" << r.err;
+    EXPECT_NE(r.err.find(c.note), std::string::npos) << c.what << ": got\n" << r.err;
     EXPECT_EQ(entries(out), std::vector<std::string>()) << c.what;
   }
   mkdir((out + "/ov-000001.png").c_str(), 0777);  // the second frame's overlay cannot be made
@@ -157,33 +190,148 @@ TEST(SegmentTool, FailedWritesExitOneAndLeaveNoOutputs) {
 TEST(SegmentTool, HelpDocumentsEveryOption) {
   const ToolRun r = run_tool("--help");
   EXPECT_EQ(r.status, 0);
-  for (const char *word : {"--mask", "--cutout", "--overlay", "--mask-size", "--raw", "--size",
-                           "--time", "yuy2", "i420", "nv21", "exit status"})
+  for (const char *word : {"--mask", "--cutout", "--overlay", "--mask-size", "--blur-background",
+                           "--replace-background", "--output", "--raw", "--size", "--time",
+                           "yuy2", "i420", "nv21", "standard input", "exit status"})
     EXPECT_NE(r.out.find(word), std::string::npos) << word;
 }
 
-TEST(SegmentTool, TwoFrameRawYuy2GivesTwoMasks) {
-  // Two grey 64x48 frames; the tool enlarges them to 473x473 before
-  // segmentation and says so.
-  const int w = 64, h = 48;
-  write_file("two.yuy2", std::vector<uint8_t>(size_t{2} * 2 * w * h, 128));
-  const ToolRun r = run_tool("--raw yuy2 --size 64x48 --time -o '" + path("two.gray") +
-                         "' --overlay '" + path("ov.png") + "' '" + path("two.yuy2") + "'");
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.err.find("enlarging"), std::string::npos) << r.err;
-  EXPECT_NE(r.out.find("mean of 2 frames"), std::string::npos) << r.out;
-  for (const char *stage : {"resize", "network", "crf", "final resize", "total"})
-    EXPECT_NE(r.out.find(stage), std::string::npos) << stage;
+// Raw YUY2 frames of 474x473: an even width, as YUY2 needs, and nothing to
+// enlarge. Frame 0, a ramp with a fine pattern, gets background and person
+// from the default (synthetic) weights, so the effect shows on it; frame 1
+// is a bright disk on a dark ground.
+constexpr int kW = 474, kH = 473;
+constexpr size_t kFrameBytes = size_t{2} * kW * kH;
 
+std::vector<uint8_t> yuy2_frames(int count) {
+  std::vector<uint8_t> f;
+  for (int k = 0; k < count; ++k)
+    for (int y = 0; y < kH; ++y)
+      for (int x = 0; x < kW; ++x) {
+        const bool in_disk = (x - 237) * (x - 237) + (y - 300) * (y - 300) < 150 * 150;
+        f.push_back(static_cast<uint8_t>(
+            k == 0 ? std::min(255, x * 200 / kW + (x * 7 + y * 13) % 23 * 2) : in_disk ? 230 : 40));
+        f.push_back(static_cast<uint8_t>(x % 2 == 0 ? 128 + x * 64 / kW : 128 - y * 64 / kH));
+      }
+  return f;
+}
+
+// One run over a two-frame file, which the pipe and the example program
+// must reproduce: both frames blurred behind the person, their masks and
+// overlays.
+class RawBlur : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    write_file("two.yuy2", yuy2_frames(2));
+    run_ = run_tool("--raw yuy2 --size 474x473 --blur-background 6 --time -o '" +
+                    path("two.gray") + "' --overlay '" + path("ov.png") + "' --output '" +
+                    path("blurred.yuy2") + "' '" + path("two.yuy2") + "'");
+    blurred_ = read_file(path("blurred.yuy2"));
+  }
+  static ToolRun run_;
+  static std::string blurred_;
+};
+ToolRun RawBlur::run_;
+std::string RawBlur::blurred_;
+
+TEST_F(RawBlur, TwoFramesGiveTwoBlurredFramesMasksAndOverlays) {
+  ASSERT_EQ(run_.status, 0) << run_.err;
+  ASSERT_EQ(blurred_.size(), 2 * kFrameBytes);
+  EXPECT_NE(blurred_.compare(0, kFrameBytes, read_file(path("two.yuy2")), 0, kFrameBytes), 0)
+      << "frame 0's background is not blurred";
   const std::string masks = read_file(path("two.gray"));
-  ASSERT_EQ(masks.size(), size_t{2} * w * h);
+  ASSERT_EQ(masks.size(), size_t{2} * kW * kH);
   EXPECT_TRUE(std::all_of(masks.begin(), masks.end(),
                           [](char c) { return c == 0 || static_cast<uint8_t>(c) == 255; }));
-  for (const char *name : {"ov-000000.png", "ov-000001.png"}) {
-    const std::string png = read_file(path(name));
-    EXPECT_GT(png.size(), 8u) << name;
-    EXPECT_EQ(png.compare(0, 4, "\x89PNG"), 0) << name;
+  EXPECT_NE(run_.out.find("mean of 2 frames"), std::string::npos) << run_.out;
+  for (const char *stage : {"resize", "network", "crf", "final resize", "effect", "total"})
+    EXPECT_NE(run_.out.find(stage), std::string::npos) << stage;
+  for (const char *name : {"ov-000000.png", "ov-000001.png"})
+    EXPECT_EQ(read_file(path(name)).compare(0, 4, "\x89PNG"), 0) << name;
+}
+
+// Frames go out as they come in: the two whole frames of a stream cut
+// 1000 bytes into its third are written, the same bytes as from the file,
+// and the cut is an error that counts them.
+TEST_F(RawBlur, PipeGivesTheSameFramesAndACutStreamFails) {
+  std::vector<uint8_t> stream = yuy2_frames(2);
+  stream.resize(stream.size() + 1000, 128);
+  write_file("cut.yuy2", stream);
+  const ToolRun r =
+      run_piped(path("cut.yuy2"), "--raw yuy2 --size 474x473 --blur-background 6 --output - -");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("standard input ends 1000 bytes into frame 2, after 2 whole frames"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.out.size(), blurred_.size());
+  EXPECT_TRUE(r.out == blurred_);
+}
+
+TEST_F(RawBlur, ExampleProgramGivesTheToolsFrame) {
+  std::vector<uint8_t> frame = yuy2_frames(1);
+  write_file("frame.yuy2", frame);
+  const ToolRun r = run_tool("6 '" + path("frame.yuy2") + "' '" + path("example.yuy2") +
+                                 "' yuy2 474x473",
+                             "", HSEG_EXAMPLE_PROGRAM);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(read_file(path("example.yuy2")) == blurred_.substr(0, kFrameBytes));
+}
+
+// A 24-bit BMP of 200x100 pixels: grey 77 in the middle 100 columns, white
+// on either side.
+std::vector<uint8_t> striped_bmp() {
+  const uint32_t w = 200, h = 100, row = 3 * w;  // a multiple of 4: no padding
+  std::vector<uint8_t> b = {'B', 'M'};
+  auto put = [&b](uint32_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  };
+  for (uint32_t v : {54 + row * h, 0u, 54u, 40u, w, h}) put(v, 4);
+  put(1, 2);   // planes
+  put(24, 2);  // bits a pixel
+  for (uint32_t v : {0u, row * h, 2835u, 2835u, 0u, 0u}) put(v, 4);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) b.insert(b.end(), 3, x >= 50 && x < 150 ? 77 : 255);
+  return b;
+}
+
+// The striped picture covers the frame keeping its proportions, so only its
+// grey middle shows behind the person: Y 77, U and V 128 wherever the mask
+// is background, the frame as it was wherever it is person (both away from
+// the mask's edge, which is feathered).
+TEST(SegmentTool, ReplacedBackgroundShowsThePictureCoveringTheFrame) {
+  write_file("striped.bmp", striped_bmp());
+  write_file("frame.yuy2", yuy2_frames(1));
+  const ToolRun r = run_tool("--raw yuy2 --size 474x473 --replace-background '" +
+                             path("striped.bmp") + "' -o '" + path("m.gray") + "' --output '" +
+                             path("replaced.yuy2") + "' '" + path("frame.yuy2") + "'");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string mask = read_file(path("m.gray")), out = read_file(path("replaced.yuy2")),
+                    in = read_file(path("frame.yuy2"));
+  ASSERT_EQ(mask.size(), size_t{1} * kW * kH);
+  ASSERT_EQ(out.size(), kFrameBytes);
+  const int kMargin = 8;
+  int background = 0, person = 0, wrong = 0;
+  for (int y = kMargin; y < kH - kMargin; y += 4) {
+    for (int x = kMargin; x + 1 < kW - kMargin; x += 4) {  // x even: one Y0 U Y1 V group
+      uint8_t lo = 255, hi = 0;
+      for (int dy = -kMargin; dy <= kMargin; ++dy)
+        for (int dx = -kMargin; dx <= kMargin + 1; ++dx) {
+          const uint8_t m = static_cast<uint8_t>(mask[size_t{1} * (y + dy) * kW + x + dx]);
+          lo = std::min(lo, m);
+          hi = std::max(hi, m);
+        }
+      const size_t at = size_t{2} * (size_t{1} * y * kW + x);
+      if (hi == 0) {
+        ++background;
+        wrong += out.compare(at, 4, "\x4d\x80\x4d\x80") != 0;
+      } else if (lo == 255) {
+        ++person;
+        wrong += out.compare(at, 4, in, at, 4) != 0;
+      }
+    }
   }
+  EXPECT_GT(background, 0);
+  EXPECT_EQ(wrong, 0) << "of " << background << " background and " << person << " person groups";
 }
 
 }  // namespace

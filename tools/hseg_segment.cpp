@@ -1,6 +1,7 @@
 // hseg-segment: segments the person in image files and raw video frames with
-// libhseg and writes the mask, and on request a cut-out and an overlay that
-// show the result at a glance.
+// libhseg and writes the mask; on request a cut-out and an overlay that show
+// the result at a glance, and the picture or the frames with their
+// background blurred or replaced, also as a filter in a raw-video pipe.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <csignal>
 #include <cstdarg>
 #include <cstddef>
@@ -15,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <string>
 #include <vector>
@@ -22,28 +25,35 @@
 #include <stb/stb_image.h>
 #include <stb/stb_image_write.h>
 
-#include "common/checked.h"
+#include "frames.h"
 #include "hseg/hseg.h"
 #include "output_file.h"
+#include "stdio_file.h"
 
 namespace {
 
+using hseg_tools::File;
+using hseg_tools::file_message;
+using hseg_tools::frame_bytes;
 using hseg_tools::OutputFile;
 using hseg_tools::OutputSet;
+using hseg_tools::Picture;
+using hseg_tools::pixels;
+using hseg_tools::Size;
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;   // unreadable or unsupported input, failed segmentation or write
 constexpr int kExitUsage = 2;    // bad command line
-constexpr int32_t kNetSide = 473;
+constexpr int32_t kNetSide = HSEG_NET_INPUT_SIZE;
 constexpr int32_t kMaxSide = 65535;
-// Every picture the tool writes (mask, cut-out, overlay) has at most this
-// many pixels, 8192x8192. At that size a run holds the picture, the mask at
-// two sizes, the cut-out or overlay and the PNG encoder's copies of it
-// beside the network's working memory: a raw 8192x8192 frame written as
-// all three outputs peaks at 1.33 GB resident, and a picture of that size
-// adds its decoding, so 1.5 GB is enough. Every byte count then also stays
-// far inside the 32-bit sizes of the PNG encoder and of the library's
-// images.
+// Every picture the tool writes (mask, cut-out, overlay, composited
+// picture) and the replacement background have at most this many pixels,
+// 8192x8192. At that size a run holds the picture, the mask at two sizes,
+// the cut-out or overlay and the PNG encoder's copies of it beside the
+// network's working memory: a raw 8192x8192 frame written as all three
+// outputs peaks at 1.33 GB resident, and a picture of that size adds its
+// decoding, so 1.5 GB is enough. Every byte count then also stays far
+// inside the 32-bit sizes of the PNG encoder and of the library's images.
 constexpr int64_t kMaxOutputPixels = int64_t{1} << 26;
 constexpr char kMaxOutputText[] = "67108864 (8192x8192)";
 
@@ -51,11 +61,13 @@ const char kUsage[] =
     "usage: hseg-segment [options] INPUT\n"
     "\n"
     "Segments the person in INPUT and writes a mask: 255 for the person, 0 for\n"
-    "the background.\n"
+    "the background; or, with --output, the input with its background blurred\n"
+    "or replaced.\n"
     "\n"
     "INPUT is a PNG, JPEG or BMP picture, or with --raw a file of raw video\n"
     "frames written one after the other, as a camera or a video decoder writes\n"
-    "them; every frame is segmented.\n"
+    "them; every frame is segmented. With --raw, INPUT may be - for\n"
+    "standard input.\n"
     "\n"
     "options:\n"
     "  -o, --mask FILE      where the mask goes. For a picture, and for raw\n"
@@ -63,36 +75,61 @@ const char kUsage[] =
     "                       input otherwise: the masks of all frames one after\n"
     "                       the other, one byte a pixel, rows packed.\n"
     "                       Default: INPUT without its extension + \"-mask.png\"\n"
-    "                       (\"-mask.gray\" for raw input).\n"
+    "                       (\"-mask.gray\" for raw input); none with --output.\n"
     "      --cutout FILE    also write an RGBA PNG of the picture whose alpha\n"
     "                       is the mask (transparent background).\n"
     "      --overlay FILE   also write an RGB PNG of the picture with the\n"
     "                       background dimmed and the mask's edge drawn in green.\n"
     "      --mask-size WxH  size of the mask (default: the input's size).\n"
     "                       Cut-out and overlay keep the input's size.\n"
+    "      --blur-background SIGMA\n"
+    "                       write to --output the input with its background\n"
+    "                       blurred by a Gaussian of SIGMA pixels (12 suits a\n"
+    "                       720p video call) behind the sharp person.\n"
+    "      --replace-background FILE\n"
+    "                       write to --output the input with the PNG, JPEG or\n"
+    "                       BMP picture FILE behind the person. FILE is scaled\n"
+    "                       to cover the frame, keeping its proportions:\n"
+    "                       centred, what sticks out is cut off.\n"
+    "      --output FILE    where the input with the new background goes. For\n"
+    "                       a picture: a PNG, or a JPEG or BMP when FILE ends in\n"
+    "                       .jpg, .jpeg or .bmp. For raw input: the frames in\n"
+    "                       the input's raw format, one after the other.\n"
     "      --raw FORMAT     INPUT holds raw frames: yuy2 (packed 4:2:2, Y0 U Y1 V),\n"
     "                       i420 (planar 4:2:0: Y, then U, then V) or nv21 (Y,\n"
     "                       then interleaved V,U pairs). Needs --size. Chroma of\n"
     "                       odd sizes is rounded up; yuy2 needs an even width.\n"
     "      --size WxH       width and height of each raw frame.\n"
     "      --time           print the time of each stage (resize, network, CRF,\n"
-    "                       final resize) and the total; for several frames,\n"
-    "                       the mean per frame.\n"
+    "                       final resize, background effect) and the total; for\n"
+    "                       several frames, the mean per frame.\n"
     "      --fast           use the fast network: about half the network's time\n"
     "                       once the first frame has prepared it; the masks may\n"
     "                       differ from the exact network's in a few pixels.\n"
     "  -h, --help           print this help and exit.\n"
     "\n"
+    "Raw frames are processed as they arrive: each is read, segmented,\n"
+    "composited, written and flushed before the next is read, so that the tool\n"
+    "can sit in a pipe between a camera reader and a video sink:\n"
+    "  ... | hseg-segment --raw yuy2 --size 1280x720 --blur-background 12 \\\n"
+    "            --output - - | ...\n"
+    "Any one output may be - for standard output. Input that ends inside a\n"
+    "frame is an error (after the whole frames before it have been written).\n"
+    "Progress and notes go to standard error; the --time report goes to\n"
+    "standard output, or to standard error when an output is -.\n"
+    "\n"
     "When several raw frames give PNG files (mask, cut-out, overlay), the\n"
     "frame number is put before the extension: overlay.png becomes\n"
-    "overlay-000000.png, overlay-000001.png, ...\n"
+    "overlay-000000.png, overlay-000001.png, ... (always so for standard\n"
+    "input, whose frames are not counted beforehand).\n"
     "\n"
     "Outputs are written under temporary names beside them and take their own\n"
     "names only when the whole run has succeeded; a failed run leaves none of\n"
     "them behind. Devices and pipes (/dev/null, say) are written directly.\n"
-    "Every output (mask, cut-out, overlay) may have at most 67108864 pixels\n"
-    "(8192x8192), which keeps a run within about 1.5 GB of memory; larger\n"
-    "ones are refused before any work is done.\n"
+    "Every output (mask, cut-out, overlay, composited picture), and the\n"
+    "replacement background, may have at most 67108864 pixels (8192x8192),\n"
+    "which keeps a run within about 1.5 GB of memory; larger ones are refused\n"
+    "before any work is done.\n"
     "\n"
     "Pictures and frames smaller than 473 pixels in a dimension are enlarged\n"
     "with the library's bilinear resizer first (a note says so). On a terminal,\n"
@@ -108,25 +145,22 @@ const char kUsage[] =
 // Command line
 // ---------------------------------------------------------------------------
 
-struct Size {
-  int32_t w = 0;
-  int32_t h = 0;
-  bool operator==(const Size &o) const { return w == o.w && h == o.h; }
-};
-
-enum class RawFormat { kNone, kYuy2, kI420, kNv21 };
-
 struct Options {
   std::string input;
   std::string mask;
   std::string cutout;
   std::string overlay;
-  Size mask_size;  // 0x0: the input's size
-  RawFormat raw = RawFormat::kNone;
+  std::string output;      // the composited picture or frames
+  std::string background;  // --replace-background
+  float blur_sigma = 0.0f; // > 0: --blur-background
+  Size mask_size;          // 0x0: the input's size
+  uint32_t raw = 0;        // HSEG_PIXFMT_* of raw input; 0 for a picture
   Size raw_size;
+  HsegOptions segmentation = {sizeof(HsegOptions), HSEG_NETWORK_EXACT, nullptr};  // --fast
   bool time = false;
-  bool fast = false;
   bool help = false;
+
+  bool effect() const { return blur_sigma > 0.0f || !background.empty(); }
 };
 
 __attribute__((format(printf, 1, 2))) void complain(const char *fmt, ...) {
@@ -161,12 +195,11 @@ bool parse_size(const std::string &text, Size *out) {
   return true;
 }
 
-int64_t pixels(Size s) { return int64_t{s.w} * s.h; }
-
 // Refuses, with the reason, an output larger than kMaxOutputPixels that a
 // run over `input` (the input's size) would write: the mask (the input's
-// size unless --mask-size says otherwise), the cut-out and the overlay (the
-// input's size). `input` is null when the input's size is not known yet.
+// size unless --mask-size says otherwise), the cut-out, the overlay and the
+// composited output (the input's size). `input` is null when the input's
+// size is not known yet.
 bool outputs_fit(const Options &opt, const Size *input) {
   auto refuse = [](const char *what, Size s, const char *hint) {
     complain("the %s would be %dx%d, %" PRId64 " pixels: an output may have at most %s%s", what,
@@ -177,9 +210,127 @@ bool outputs_fit(const Options &opt, const Size *input) {
   if (pixels(mask) > kMaxOutputPixels)
     return refuse("mask", mask, opt.mask_size.w != 0 ? "" : "; give a smaller --mask-size");
   if (input == nullptr || pixels(*input) <= kMaxOutputPixels) return true;
-  if (!opt.cutout.empty()) return refuse("cut-out", *input, " (it keeps the input's size)");
-  if (!opt.overlay.empty()) return refuse("overlay", *input, " (it keeps the input's size)");
+  const char *keeps = " (it keeps the input's size)";
+  if (!opt.cutout.empty()) return refuse("cut-out", *input, keeps);
+  if (!opt.overlay.empty()) return refuse("overlay", *input, keeps);
+  if (!opt.output.empty()) return refuse("composited output", *input, keeps);
   return true;
+}
+
+// What one option does with its value (empty for a flag); false after a
+// message when it refuses the value.
+using OptionAction = bool (*)(const char *name, const std::string &value, Options *opt);
+
+struct OptionEntry {
+  const char *name;
+  const char *alias;  // a short form, or null
+  bool takes_value;
+  OptionAction apply;
+};
+
+template <std::string Options::*kField>
+bool store(const char *, const std::string &value, Options *opt) {
+  opt->*kField = value;
+  return true;
+}
+
+bool store_size(const char *name, const std::string &value, Options *opt) {
+  Size *target = std::strcmp(name, "--size") == 0 ? &opt->raw_size : &opt->mask_size;
+  if (parse_size(value, target)) return true;
+  complain("bad %s '%s': expected WxH with W and H from 1 to 65535", name, value.c_str());
+  return false;
+}
+
+bool store_raw_format(const char *, const std::string &value, Options *opt) {
+  for (const hseg_tools::RawFormat &f : hseg_tools::kRawFormats) {
+    if (value == f.name) {
+      opt->raw = f.format;
+      return true;
+    }
+  }
+  complain("unsupported raw format '%s': expected yuy2, i420 or nv21", value.c_str());
+  return false;
+}
+
+bool store_sigma(const char *name, const std::string &value, Options *opt) {
+  char *end = nullptr;
+  const float sigma = std::strtof(value.c_str(), &end);
+  if (*end == '\0' && std::isfinite(sigma) && sigma > 0.0f) {
+    opt->blur_sigma = sigma;
+    return true;
+  }
+  complain("bad %s '%s': expected a number of pixels above 0", name, value.c_str());
+  return false;
+}
+
+const OptionEntry kOptions[] = {
+    {"--mask", "-o", true, store<&Options::mask>},
+    {"--cutout", nullptr, true, store<&Options::cutout>},
+    {"--overlay", nullptr, true, store<&Options::overlay>},
+    {"--output", nullptr, true, store<&Options::output>},
+    {"--replace-background", nullptr, true, store<&Options::background>},
+    {"--blur-background", nullptr, true, store_sigma},
+    {"--mask-size", nullptr, true, store_size},
+    {"--size", nullptr, true, store_size},
+    {"--raw", nullptr, true, store_raw_format},
+    {"--time", nullptr, false,
+     [](const char *, const std::string &, Options *opt) { return opt->time = true; }},
+    {"--fast", nullptr, false,
+     [](const char *, const std::string &, Options *opt) {
+       opt->segmentation.network = HSEG_NETWORK_FAST;
+       return true;
+     }},
+    {"--help", "-h", false,
+     [](const char *, const std::string &, Options *opt) { return opt->help = true; }},
+};
+
+const OptionEntry *find_option(const std::string &arg) {
+  for (const OptionEntry &o : kOptions)
+    if (arg == o.name || (o.alias != nullptr && arg == o.alias)) return &o;
+  return nullptr;
+}
+
+// What is wrong with the options taken together, or null.
+const char *options_problem(const Options &o) {
+  if (o.input.empty()) return "no input file given; see --help";
+  if (o.raw != 0 && o.raw_size.w == 0) return "--raw needs --size WxH, the size of each frame";
+  if (o.raw == 0 && o.raw_size.w != 0) return "--size is for raw input; give --raw FORMAT as well";
+  if (o.raw == HSEG_PIXFMT_YUY2 && o.raw_size.w % 2 != 0)
+    return "yuy2 frames need an even width (two pixels share a chroma pair)";
+  if (o.input == "-" && o.raw == 0)
+    return "standard input is read as raw frames: give --raw FORMAT and --size WxH";
+  if (o.blur_sigma > 0.0f && !o.background.empty())
+    return "give --blur-background or --replace-background, not both";
+  if (o.effect() && o.output.empty())
+    return "a background effect needs --output FILE, where the result goes";
+  if (!o.effect() && !o.output.empty())
+    return "--output needs --blur-background SIGMA or --replace-background FILE";
+  if (o.input == "-" && o.mask.empty() && o.output.empty())
+    return "reading standard input, give the mask a name with --mask FILE";
+  const std::string *outputs[] = {&o.mask, &o.cutout, &o.overlay, &o.output};
+  if (std::count_if(std::begin(outputs), std::end(outputs),
+                    [](const std::string *s) { return *s == "-"; }) > 1)
+    return "only one output can go to standard output ('-')";
+  return nullptr;
+}
+
+// The rules between options, and the mask's default name. Returns kExitOk
+// or kExitUsage (after a message).
+int check_options(Options *opt) {
+  if (const char *problem = options_problem(*opt)) {
+    complain("%s", problem);
+    return kExitUsage;
+  }
+  if (!outputs_fit(*opt, opt->raw != 0 ? &opt->raw_size : nullptr)) return kExitUsage;
+  if (opt->mask.empty() && opt->output.empty()) {
+    std::string stem = opt->input;
+    const size_t slash = stem.find_last_of('/');
+    const size_t dot = stem.find_last_of('.');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1))
+      stem.erase(dot);
+    opt->mask = stem + (opt->raw == 0 ? "-mask.png" : "-mask.gray");
+  }
+  return kExitOk;
 }
 
 // Returns kExitOk or kExitUsage (after a message).
@@ -200,104 +351,45 @@ int parse_args(int argc, char **argv, Options *opt) {
       continue;
     }
     std::string value;
-    bool has_inline_value = false;
     const size_t eq = arg.find('=');
-    if (arg.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+    const bool inline_value = arg.compare(0, 2, "--") == 0 && eq != std::string::npos;
+    if (inline_value) {
       value = arg.substr(eq + 1);
-      arg = arg.substr(0, eq);
-      has_inline_value = true;
+      arg.erase(eq);
     }
-    if (arg == "-h" || arg == "--help") {
-      opt->help = true;
-      continue;
-    }
-    if (arg == "--time" || arg == "--fast") {
-      if (has_inline_value) {
-        complain("option %s takes no value", arg.c_str());
-        return kExitUsage;
-      }
-      (arg == "--time" ? opt->time : opt->fast) = true;
-      continue;
-    }
-    const bool takes_value = arg == "-o" || arg == "--mask" || arg == "--cutout" ||
-                             arg == "--overlay" || arg == "--mask-size" || arg == "--raw" ||
-                             arg == "--size";
-    if (!takes_value) {
+    const OptionEntry *entry = find_option(arg);
+    if (entry == nullptr) {
       complain("unknown option '%s'; see --help", arg.c_str());
       return kExitUsage;
     }
-    if (!has_inline_value) {
+    if (!entry->takes_value && inline_value) {
+      complain("option %s takes no value", arg.c_str());
+      return kExitUsage;
+    }
+    if (entry->takes_value && !inline_value) {
       if (i + 1 >= argc) {
         complain("option %s needs a value; see --help", arg.c_str());
         return kExitUsage;
       }
       value = argv[++i];
     }
-    if (value.empty()) {
+    if (entry->takes_value && value.empty()) {
       complain("option %s needs a non-empty value", arg.c_str());
       return kExitUsage;
     }
-    if (arg == "-o" || arg == "--mask") {
-      opt->mask = value;
-    } else if (arg == "--cutout") {
-      opt->cutout = value;
-    } else if (arg == "--overlay") {
-      opt->overlay = value;
-    } else if (arg == "--mask-size" || arg == "--size") {
-      Size *target = arg == "--size" ? &opt->raw_size : &opt->mask_size;
-      if (!parse_size(value, target)) {
-        complain("bad %s '%s': expected WxH with W and H from 1 to 65535", arg.c_str(),
-                 value.c_str());
-        return kExitUsage;
-      }
-    } else {  // --raw
-      if (value == "yuy2") {
-        opt->raw = RawFormat::kYuy2;
-      } else if (value == "i420") {
-        opt->raw = RawFormat::kI420;
-      } else if (value == "nv21") {
-        opt->raw = RawFormat::kNv21;
-      } else {
-        complain("unsupported raw format '%s': expected yuy2, i420 or nv21", value.c_str());
-        return kExitUsage;
-      }
-    }
+    if (!entry->apply(entry->name, value, opt)) return kExitUsage;
   }
-  if (opt->help) return kExitOk;
-  if (opt->input.empty()) {
-    complain("no input file given; see --help");
-    return kExitUsage;
-  }
-  if (opt->raw != RawFormat::kNone && opt->raw_size.w == 0) {
-    complain("--raw needs --size WxH, the size of each frame");
-    return kExitUsage;
-  }
-  if (opt->raw == RawFormat::kNone && opt->raw_size.w != 0) {
-    complain("--size is for raw input; give --raw FORMAT as well");
-    return kExitUsage;
-  }
-  if (opt->raw == RawFormat::kYuy2 && opt->raw_size.w % 2 != 0) {
-    complain("yuy2 frames need an even width (two pixels share a chroma pair)");
-    return kExitUsage;
-  }
-  if (!outputs_fit(*opt, opt->raw != RawFormat::kNone ? &opt->raw_size : nullptr))
-    return kExitUsage;
-  if (opt->mask.empty()) {
-    std::string stem = opt->input;
-    const size_t slash = stem.find_last_of('/');
-    const size_t dot = stem.find_last_of('.');
-    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1))
-      stem.erase(dot);
-    opt->mask = stem + (opt->raw == RawFormat::kNone ? "-mask.png" : "-mask.gray");
-  }
-  return kExitOk;
+  return opt->help ? kExitOk : check_options(opt);
 }
 
-bool ends_with_png(const std::string &name) {
-  if (name.size() < 4) return false;
-  std::string tail = name.substr(name.size() - 4);
-  for (char &c : tail) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  return tail == ".png";
+bool has_extension(const std::string &name, const char *extension) {
+  const size_t n = std::strlen(extension);
+  if (name.size() < n) return false;
+  for (size_t i = 0; i < n; ++i) {
+    const char c = name[name.size() - n + i];
+    if ((c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c) != extension[i]) return false;
+  }
+  return true;
 }
 
 // "dir/a.png", 7 -> "dir/a-000007.png"; without an extension the number goes
@@ -313,48 +405,45 @@ std::string numbered(const std::string &name, int64_t frame) {
   return name.substr(0, dot) + number + name.substr(dot);
 }
 
+// The input as messages name it.
+std::string input_name(const Options &opt) {
+  return opt.input == "-" ? "standard input" : "'" + opt.input + "'";
+}
+
+// Passes `ok` on, after saying what went wrong with `f` when it is false.
+bool reported(const OutputFile &f, bool ok) {
+  if (!ok) complain("%s", f.message().c_str());
+  return ok;
+}
+
+// Writes one frame's piece to a stream output and hands it on at once.
+bool append(OutputFile &stream, const void *data, size_t n) {
+  return reported(stream, stream.write(data, n) && stream.flush());
+}
+
 // ---------------------------------------------------------------------------
 // Pictures in, pictures out
 // ---------------------------------------------------------------------------
 
-// A one-plane image of `size` at `data`, rows packed, `bytes_per_pixel` each.
-OffscreenImage packed_image(uint32_t format, Size size, uint8_t *data, int32_t bytes_per_pixel) {
-  OffscreenImage d{};
-  d.format = format;
-  d.width = size.w;
-  d.height = size.h;
-  d.planes[0] = data;
-  d.pitches[0] = bytes_per_pixel * size.w;
-  return d;
-}
-
-// A packed BGR picture, 3 bytes a pixel, rows packed.
-struct Picture {
-  Size size;
-  std::vector<uint8_t> bgr;
-  OffscreenImage describe() { return packed_image(HSEG_PIXFMT_BGR24, size, bgr.data(), 3); }
-};
-
 bool read_file(const std::string &path, std::vector<uint8_t> *out) {
-  FILE *f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) {
-    complain("cannot open '%s': %s", path.c_str(), std::strerror(errno));
+  File f(std::fopen(path.c_str(), "rb"));
+  if (!f) {
+    complain("%s", file_message("open", path, errno).c_str());
     return false;
   }
   struct stat st;
-  if (fstat(fileno(f), &st) == 0 && S_ISDIR(st.st_mode)) {
-    std::fclose(f);
-    complain("cannot read '%s': %s", path.c_str(), std::strerror(EISDIR));
+  if (fstat(fileno(f.get()), &st) == 0 && S_ISDIR(st.st_mode)) {
+    complain("%s", file_message("read", path, EISDIR).c_str());
     return false;
   }
   out->clear();
   uint8_t chunk[1 << 16];
   size_t n;
-  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) out->insert(out->end(), chunk, chunk + n);
-  const int error = std::ferror(f) != 0 ? errno : 0;
-  std::fclose(f);
-  if (error != 0) complain("cannot read '%s': %s", path.c_str(), std::strerror(error));
-  return error == 0;
+  while ((n = std::fread(chunk, 1, sizeof chunk, f.get())) > 0)
+    out->insert(out->end(), chunk, chunk + n);
+  if (std::ferror(f.get()) == 0) return true;
+  complain("%s", file_message("read", path, errno).c_str());
+  return false;
 }
 
 enum class Codec { kUnknown, kPng, kJpeg, kBmp };
@@ -390,7 +479,14 @@ const char *png_damage(const std::vector<uint8_t> &bytes) {
   }
 }
 
-bool load_picture(const std::string &path, const Options &opt, Picture *pic) {
+void swap_red_blue(std::vector<uint8_t> &pixels) {
+  for (size_t i = 0; i + 2 < pixels.size(); i += 3) std::swap(pixels[i], pixels[i + 2]);
+}
+
+// Reads a PNG, JPEG or BMP picture as BGR. `fits` sees the picture's size
+// before it is decoded and may refuse it (after a message).
+bool load_picture(const std::string &path, const std::function<bool(Size)> &fits,
+                  Picture *pic) {
   std::vector<uint8_t> bytes;
   if (!read_file(path, &bytes)) return false;
   const Codec codec = sniff(bytes);
@@ -419,8 +515,7 @@ bool load_picture(const std::string &path, const Options &opt, Picture *pic) {
     complain("'%s' is larger than 65535 pixels in a dimension", path.c_str());
     return false;
   }
-  const Size size{w, h};
-  if (!outputs_fit(opt, &size)) return false;
+  if (!fits(Size{w, h})) return false;
   stbi_uc *rgb = stbi_load_from_memory(bytes.data(), length, &w, &h, &n, 3);
   if (rgb == nullptr) {
     complain("cannot decode '%s': %s", path.c_str(), stbi_failure_reason());
@@ -429,25 +524,30 @@ bool load_picture(const std::string &path, const Options &opt, Picture *pic) {
   pic->size = Size{w, h};
   pic->bgr.assign(rgb, rgb + size_t{3} * w * h);
   stbi_image_free(rgb);
-  for (size_t i = 0; i < pic->bgr.size(); i += 3) std::swap(pic->bgr[i], pic->bgr[i + 2]);
+  swap_red_blue(pic->bgr);
   return true;
 }
 
-// Writes a PNG to a new output of `outputs`: through the file's checked
-// writes, closed at once (a run over many frames keeps no file open).
-bool write_png(OutputSet &outputs, const std::string &path, Size size, int comp,
-               const uint8_t *data) {
+// Writes a picture (`comp` bytes a pixel, RGB order) to a new output of
+// `outputs`: a JPEG or BMP when the name ends so and `by_name`, else a PNG.
+// Through the file's checked writes, closed at once (a run over many frames
+// keeps no file open).
+bool write_picture(OutputSet &outputs, const std::string &path, Size size, int comp,
+                   const uint8_t *data, bool by_name = false) {
   OutputFile &f = outputs.add(path);
-  if (f.open()) {
-    auto sink = [](void *context, void *bytes, int n) {
-      static_cast<OutputFile *>(context)->write(bytes, static_cast<size_t>(n));
-    };
-    if (stbi_write_png_to_func(sink, &f, size.w, size.h, comp, data, size.w * comp) == 0)
-      f.fail(ENOMEM);  // the encoder could not get its buffers
-    if (f.close()) return true;
-  }
-  complain("%s", f.message().c_str());
-  return false;
+  if (!f.open()) return reported(f, false);
+  auto sink = [](void *context, void *bytes, int n) {
+    static_cast<OutputFile *>(context)->write(bytes, static_cast<size_t>(n));
+  };
+  int encoded;
+  if (by_name && (has_extension(path, ".jpg") || has_extension(path, ".jpeg")))
+    encoded = stbi_write_jpg_to_func(sink, &f, size.w, size.h, comp, data, 95);
+  else if (by_name && has_extension(path, ".bmp"))
+    encoded = stbi_write_bmp_to_func(sink, &f, size.w, size.h, comp, data);
+  else
+    encoded = stbi_write_png_to_func(sink, &f, size.w, size.h, comp, data, size.w * comp);
+  if (encoded == 0) f.fail(ENOMEM);  // the encoder could not get its buffers
+  return reported(f, f.close());
 }
 
 // Cut-out: the picture in RGBA with the mask as alpha.
@@ -521,64 +621,18 @@ std::vector<uint8_t> make_overlay(const Picture &pic, const uint8_t *mask) {
 }
 
 // ---------------------------------------------------------------------------
-// Raw frames
-// ---------------------------------------------------------------------------
-
-const char *raw_name(RawFormat f) {
-  switch (f) {
-    case RawFormat::kYuy2: return "yuy2";
-    case RawFormat::kI420: return "i420";
-    case RawFormat::kNv21: return "nv21";
-    default: return "?";
-  }
-}
-
-// Bytes of one frame; sizes are at most 65535, so this fits easily.
-int64_t frame_bytes(RawFormat f, Size s) {
-  const int64_t luma = int64_t{s.w} * s.h;
-  const int64_t chroma = int64_t{(s.w + 1) / 2} * ((s.h + 1) / 2);
-  return f == RawFormat::kYuy2 ? 2 * luma : luma + 2 * chroma;
-}
-
-OffscreenImage describe_raw(RawFormat f, Size s, uint8_t *frame) {
-  OffscreenImage d{};
-  d.width = s.w;
-  d.height = s.h;
-  const int32_t cw = (s.w + 1) / 2;
-  const size_t luma = size_t{1} * s.w * s.h;
-  const size_t chroma = size_t{1} * cw * ((s.h + 1) / 2);
-  d.planes[0] = frame;
-  switch (f) {
-    case RawFormat::kYuy2:
-      d.format = HSEG_PIXFMT_YUY2;
-      d.pitches[0] = 2 * s.w;
-      break;
-    case RawFormat::kI420:
-      d.format = HSEG_PIXFMT_I420;
-      d.pitches[0] = s.w;
-      d.planes[1] = frame + luma;
-      d.planes[2] = frame + luma + chroma;
-      d.pitches[1] = d.pitches[2] = cw;
-      break;
-    default:
-      d.format = HSEG_PIXFMT_NV21;
-      d.pitches[0] = s.w;
-      d.planes[1] = frame + luma;
-      d.pitches[1] = 2 * cw;
-      break;
-  }
-  return d;
-}
-
-// ---------------------------------------------------------------------------
-// Segmentation of one frame and its outputs
+// Segmentation of one frame, its outputs and its new background
 // ---------------------------------------------------------------------------
 
 struct Totals {
   int64_t frames = 0;
-  double enlarge = 0, resize = 0, network = 0, crf = 0, final_resize = 0, total = 0;
+  double enlarge = 0, resize = 0, network = 0, crf = 0, final_resize = 0, effect = 0, total = 0;
   bool enlarged = false;
 };
+
+double seconds_since(std::chrono::steady_clock::time_point t0) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
 
 const char *status_text(MRESULT s) {
   switch (s) {
@@ -590,28 +644,74 @@ const char *status_text(MRESULT s) {
   }
 }
 
+bool library_failed(const char *what, MRESULT s) {
+  complain("%s failed: status %u (%s)", what, s, status_text(s));
+  return false;
+}
+
+// The new background: a blur of `sigma`, or `picture`, the replacement in
+// the frame's format and size.
+struct Effect {
+  float sigma = 0.0f;
+  std::vector<uint8_t> bytes;
+  OffscreenImage picture{};
+};
+
+// Makes the effect for frames of `format` and `size`: loads the
+// replacement picture and fits it to them.
+bool prepare_effect(const Options &opt, uint32_t format, Size size, Effect *effect) {
+  effect->sigma = opt.blur_sigma;
+  if (opt.background.empty()) return true;
+  const auto fits = [&opt](Size s) {
+    if (pixels(s) <= kMaxOutputPixels) return true;
+    complain("the background picture '%s' is %dx%d, %" PRId64 " pixels: it may have at most %s",
+             opt.background.c_str(), s.w, s.h, pixels(s), kMaxOutputText);
+    return false;
+  };
+  Picture picture, fitted;
+  if (!load_picture(opt.background, fits, &picture)) return false;
+  MRESULT s = hseg_tools::cover(picture, size, &fitted);
+  if (s == HSEG_OK && format != HSEG_PIXFMT_BGR24)
+    s = hseg_tools::bgr_to_frame(fitted, format, &effect->bytes);
+  else
+    effect->bytes.swap(fitted.bgr);
+  if (s != HSEG_OK) return library_failed("fitting the background picture to the frame", s);
+  effect->picture = hseg_tools::describe_frame(format, size, effect->bytes.data());
+  return true;
+}
+
+// Where a run's outputs go: every file it writes, and the streams that take
+// one piece a frame (null when not asked for).
+struct Outputs {
+  OutputSet files;
+  OutputFile *raw_masks = nullptr;   // the masks of raw frames
+  OutputFile *raw_frames = nullptr;  // the composited raw frames
+};
+
 class Segmenter {
  public:
-  // Outputs go to new files of `outputs`, the mask to `raw_mask` instead
-  // when it is a raw stream (not null).
-  Segmenter(const Options &opt, Size input, int64_t frames, OutputSet &outputs,
-            OutputFile *raw_mask)
-      : opt_(opt), input_(input), frames_(frames), outputs_(outputs), raw_mask_(raw_mask) {
+  // `frames`: how many frames the run has, or -1 when they are counted as
+  // they arrive.
+  Segmenter(const Options &opt, Size input, int64_t frames, const Effect &effect,
+            Outputs &outputs)
+      : opt_(opt), input_(input), frames_(frames), effect_(effect), outputs_(outputs) {
     mask_size_ = opt.mask_size.w != 0 ? opt.mask_size : input;
     net_size_ = Size{std::max(input.w, kNetSide), std::max(input.h, kNetSide)};
+    net_mask_.resize(size_t{1} * kNetSide * kNetSide);
   }
 
   bool needs_picture() const { return !opt_.cutout.empty() || !opt_.overlay.empty(); }
   const Totals &totals() const { return totals_; }
 
-  // Segments `src` (the frame as given) and writes every requested output.
-  // `pic` is the frame as BGR, needed for the cut-out and the overlay only.
-  bool run(const OffscreenImage &src, const Picture *pic, int64_t frame) {
-    return segment(src) && write_outputs(pic, frame);
+  // Segments `frame` (as given), writes every requested output and gives
+  // the frame its new background, in place. `pic` is the frame as BGR,
+  // needed for the cut-out and the overlay only.
+  bool run(OffscreenImage &frame, const Picture *pic, int64_t index) {
+    return segment(frame) && write_outputs(pic, index) && composite(frame, index);
   }
 
  private:
-  // Fills mask_ from `src`, enlarged first when it is smaller than the
+  // Fills net_mask_ from `src`, enlarged first when it is smaller than the
   // network's input.
   bool segment(const OffscreenImage &src) {
     OffscreenImage net_src = src;
@@ -629,14 +729,14 @@ class Segmenter {
                                           enlarged_.bgr.data(), net_size_.w, net_size_.h,
                                           3 * net_size_.w, 1);
       if (s != HSEG_OK) return library_failed("enlarging the input", s);
-      totals_.enlarge += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      totals_.enlarge += seconds_since(t0);
       net_src = enlarged_.describe();
     }
-    mask_.assign(size_t{1} * mask_size_.w * mask_size_.h, 0);
-    OffscreenImage dst = packed_image(HSEG_PIXFMT_GRAY, mask_size_, mask_.data(), 1);
+    OffscreenImage dst = hseg_tools::describe_frame(HSEG_PIXFMT_GRAY, Size{kNetSide, kNetSide},
+                                                    net_mask_.data());
     HsegStageTimes t{};
-    const HsegOptions options{sizeof(HsegOptions), opt_.fast ? HSEG_NETWORK_FAST : HSEG_NETWORK_EXACT,
-                              &t};
+    HsegOptions options = opt_.segmentation;
+    options.times = &t;
     const MRESULT s = HsegEx(nullptr, &net_src, &dst, &options);
     if (s != HSEG_OK) return library_failed("segmentation", s);
     totals_.frames += 1;
@@ -648,51 +748,80 @@ class Segmenter {
     return true;
   }
 
-  bool write_outputs(const Picture *pic, int64_t frame) {
-    if (raw_mask_ != nullptr) {
-      if (!raw_mask_->write(mask_.data(), mask_.size())) {
-        complain("%s", raw_mask_->message().c_str());
+  // The segmentation's mask at `size` (nearest neighbour, as the library
+  // sizes its masks), kept in `buf`; null after a message.
+  const uint8_t *mask_at(Size size, std::vector<uint8_t> *buf) {
+    const auto t0 = std::chrono::steady_clock::now();
+    buf->resize(size_t{1} * size.w * size.h);
+    const MRESULT s = zevImageResize_NN(nullptr, net_mask_.data(), kNetSide, kNetSide, kNetSide,
+                                        buf->data(), size.w, size.w, size.h, 1);
+    if (s != HSEG_OK) {
+      library_failed("resizing the mask", s);
+      return nullptr;
+    }
+    totals_.final_resize += seconds_since(t0);
+    totals_.total += seconds_since(t0);
+    return buf->data();
+  }
+
+  bool write_outputs(const Picture *pic, int64_t index) {
+    const uint8_t *mask = nullptr;
+    if (!opt_.mask.empty()) {
+      if ((mask = mask_at(mask_size_, &mask_)) == nullptr) return false;
+      if (outputs_.raw_masks != nullptr) {
+        if (!append(*outputs_.raw_masks, mask, mask_.size())) return false;
+      } else if (!write_picture(outputs_.files, name(opt_.mask, index), mask_size_, 1, mask)) {
         return false;
       }
-    } else if (!write_png(outputs_, name(opt_.mask, frame), mask_size_, 1, mask_.data())) {
-      return false;
     }
     if (!needs_picture()) return true;
 
     // Cut-out and overlay are at the input's size.
-    const uint8_t *mask = mask_.data();
-    if (!(mask_size_ == input_)) {
-      input_mask_.resize(size_t{1} * input_.w * input_.h);
-      const MRESULT r = zevImageResize_NN(nullptr, mask_.data(), mask_size_.w, mask_size_.w,
-                                          mask_size_.h, input_mask_.data(), input_.w, input_.w,
-                                          input_.h, 1);
-      if (r != HSEG_OK) return library_failed("resizing the mask", r);
-      mask = input_mask_.data();
-    }
-    if (!opt_.cutout.empty() && !write_png(outputs_, name(opt_.cutout, frame), input_, 4,
-                                           make_cutout(*pic, mask).data()))
+    if (mask == nullptr || !(mask_size_ == input_)) mask = mask_at(input_, &input_mask_);
+    if (mask == nullptr) return false;
+    if (!opt_.cutout.empty() && !write_picture(outputs_.files, name(opt_.cutout, index), input_, 4,
+                                               make_cutout(*pic, mask).data()))
       return false;
-    if (!opt_.overlay.empty() && !write_png(outputs_, name(opt_.overlay, frame), input_, 3,
-                                            make_overlay(*pic, mask).data()))
+    if (!opt_.overlay.empty() && !write_picture(outputs_.files, name(opt_.overlay, index), input_,
+                                                3, make_overlay(*pic, mask).data()))
       return false;
     return true;
   }
 
-  std::string name(const std::string &base, int64_t frame) const {
-    return frames_ > 1 ? numbered(base, frame) : base;
+  // Blurs or replaces the background of `frame` through the segmentation's
+  // mask and writes the result.
+  bool composite(OffscreenImage &frame, int64_t index) {
+    if (!opt_.effect()) return true;
+    const auto t0 = std::chrono::steady_clock::now();
+    OffscreenImage mask = hseg_tools::describe_frame(HSEG_PIXFMT_GRAY, Size{kNetSide, kNetSide},
+                                                     net_mask_.data());
+    const bool blur = effect_.sigma > 0.0f;
+    const MRESULT s =
+        blur ? HsegBlurBackground(nullptr, &frame, &mask, effect_.sigma, &frame)
+             : HsegReplaceBackground(nullptr, &frame, &mask, &effect_.picture, &frame);
+    if (s != HSEG_OK)
+      return library_failed(blur ? "blurring the background" : "replacing the background", s);
+    totals_.effect += seconds_since(t0);
+    totals_.total += seconds_since(t0);
+    if (outputs_.raw_frames != nullptr)
+      return append(*outputs_.raw_frames, frame.planes[0],
+                    static_cast<size_t>(frame_bytes(frame.format, input_)));
+    std::vector<uint8_t> rgb(frame.planes[0], frame.planes[0] + size_t{3} * input_.w * input_.h);
+    swap_red_blue(rgb);
+    return write_picture(outputs_.files, name(opt_.output, index), input_, 3, rgb.data(), true);
   }
-  bool library_failed(const char *what, MRESULT s) {
-    std::fprintf(stderr, "hseg-segment: %s failed: status %u (%s)\n", what, s, status_text(s));
-    return false;
+
+  std::string name(const std::string &base, int64_t index) const {
+    return frames_ != 1 ? numbered(base, index) : base;
   }
 
   const Options &opt_;
   Size input_, mask_size_, net_size_;
   int64_t frames_;
-  OutputSet &outputs_;
-  OutputFile *raw_mask_;
+  const Effect &effect_;
+  Outputs &outputs_;
   Picture enlarged_;
-  std::vector<uint8_t> mask_, input_mask_;
+  std::vector<uint8_t> net_mask_, mask_, input_mask_;
   Totals totals_;
 };
 
@@ -700,136 +829,193 @@ class Segmenter {
 bool commit(OutputSet &outputs) {
   const OutputFile *failed = nullptr;
   if (outputs.commit(&failed)) return true;
-  complain("%s", failed->message().c_str());
-  return false;
+  return reported(*failed, false);
 }
 
-void print_times(const Totals &t, bool fast) {
+void print_times(const Options &opt, const Totals &t) {
   if (t.frames == 0) return;
+  // Standard output may carry pictures or frames; the report then goes to
+  // standard error.
+  const bool stdout_taken = opt.mask == "-" || opt.cutout == "-" || opt.overlay == "-" ||
+                            opt.output == "-";
+  FILE *out = stdout_taken ? stderr : stdout;
   const double k = 1000.0 / static_cast<double>(t.frames);
   if (t.frames == 1)
-    std::printf("stage times (ms):\n");
+    std::fprintf(out, "stage times (ms):\n");
   else
-    std::printf("stage times (ms, mean of %" PRId64 " frames):\n", t.frames);
-  if (t.enlarged) std::printf("  enlarge       %10.1f\n", t.enlarge * k);
-  std::printf("  resize        %10.1f\n", t.resize * k);
-  std::printf("  network       %10.1f  (%s network)\n", t.network * k, fast ? "fast" : "exact");
-  std::printf("  crf           %10.1f\n", t.crf * k);
-  std::printf("  final resize  %10.1f\n", t.final_resize * k);
-  std::printf("  total         %10.1f\n", (t.total + t.enlarge) * k);
+    std::fprintf(out, "stage times (ms, mean of %" PRId64 " frames):\n", t.frames);
+  if (t.enlarged) std::fprintf(out, "  enlarge       %10.1f\n", t.enlarge * k);
+  std::fprintf(out, "  resize        %10.1f\n", t.resize * k);
+  std::fprintf(out, "  network       %10.1f  (%s network)\n", t.network * k,
+               opt.segmentation.network == HSEG_NETWORK_FAST ? "fast" : "exact");
+  std::fprintf(out, "  crf           %10.1f\n", t.crf * k);
+  std::fprintf(out, "  final resize  %10.1f\n", t.final_resize * k);
+  if (opt.effect()) std::fprintf(out, "  effect        %10.1f\n", t.effect * k);
+  std::fprintf(out, "  total         %10.1f\n", (t.total + t.enlarge) * k);
 }
 
+// One line of progress, rewritten in place; `frames` is -1 when unknown.
 void show_progress(int64_t done, int64_t frames, double elapsed) {
   const double fps = elapsed > 0 ? static_cast<double>(done) / elapsed : 0.0;
-  const double left = fps > 0 ? static_cast<double>(frames - done) / fps : 0.0;
-  const int64_t secs = static_cast<int64_t>(left + 0.5);
-  std::fprintf(stderr, "\rframe %" PRId64 "/%" PRId64 "  %.2f frames/s  %" PRId64 ":%02" PRId64
-               ":%02" PRId64 " left   ",
-               done, frames, fps, secs / 3600, secs / 60 % 60, secs % 60);
-  if (done == frames) std::fputc('\n', stderr);
+  if (frames < 0) {
+    std::fprintf(stderr, "\rframe %" PRId64 "  %.2f frames/s   ", done, fps);
+  } else {
+    const double left = fps > 0 ? static_cast<double>(frames - done) / fps : 0.0;
+    const int64_t secs = static_cast<int64_t>(left + 0.5);
+    std::fprintf(stderr, "\rframe %" PRId64 "/%" PRId64 "  %.2f frames/s  %" PRId64
+                 ":%02" PRId64 ":%02" PRId64 " left   ",
+                 done, frames, fps, secs / 3600, secs / 60 % 60, secs % 60);
+  }
   std::fflush(stderr);
 }
 
 int run_picture(const Options &opt) {
   Picture pic;
-  if (!load_picture(opt.input, opt, &pic)) return kExitFailed;
-  OutputSet outputs;
-  Segmenter seg(opt, pic.size, 1, outputs, nullptr);
-  if (!seg.run(pic.describe(), &pic, 0) || !commit(outputs)) return kExitFailed;
-  if (opt.time) print_times(seg.totals(), opt.fast);
+  if (!load_picture(opt.input, [&opt](Size s) { return outputs_fit(opt, &s); }, &pic))
+    return kExitFailed;
+  Effect effect;
+  if (!prepare_effect(opt, HSEG_PIXFMT_BGR24, pic.size, &effect)) return kExitFailed;
+  Outputs outputs;
+  Segmenter seg(opt, pic.size, 1, effect, outputs);
+  OffscreenImage frame = pic.describe();
+  if (!seg.run(frame, &pic, 0) || !commit(outputs.files)) return kExitFailed;
+  if (opt.time) print_times(opt, seg.totals());
   return kExitOk;
 }
 
-// The number of whole frames in the raw input `in`, or -1 after a message.
-int64_t count_frames(const Options &opt, FILE *in) {
-  struct stat st;
-  const char *reason = fstat(fileno(in), &st) != 0 ? std::strerror(errno)
-                       : S_ISDIR(st.st_mode)       ? std::strerror(EISDIR)
-                       : !S_ISREG(st.st_mode)
-                           ? "not a regular file (raw frames are counted from its size)"
-                           : nullptr;
-  if (reason != nullptr) {
-    complain("cannot read '%s': %s", opt.input.c_str(), reason);
-    return -1;
+// ---------------------------------------------------------------------------
+// Raw frames
+// ---------------------------------------------------------------------------
+
+constexpr int64_t kCountedOnArrival = -1;
+
+// Says that the raw input ends `extra` bytes into the frame after its
+// `whole` whole frames, or that it holds no frames at all.
+void say_cut(const Options &opt, int64_t whole, int64_t extra) {
+  if (whole == 0 && extra == 0) {
+    complain("%s holds no frames", input_name(opt).c_str());
+    return;
   }
-  const int64_t fb = frame_bytes(opt.raw, opt.raw_size);
-  if (st.st_size == 0 || st.st_size % fb != 0) {
-    complain("'%s' (%" PRId64 " bytes) is not a whole number of %dx%d %s frames "
-             "(%" PRId64 " bytes each)",
-             opt.input.c_str(), static_cast<int64_t>(st.st_size), opt.raw_size.w,
-             opt.raw_size.h, raw_name(opt.raw), fb);
-    return -1;
-  }
-  return st.st_size / fb;
+  complain("%s ends %" PRId64 " bytes into frame %" PRId64 ", after %" PRId64
+           " whole frame%s: a %dx%d %s frame has %" PRId64 " bytes",
+           input_name(opt).c_str(), extra, whole, whole, whole == 1 ? "" : "s", opt.raw_size.w,
+           opt.raw_size.h, hseg_tools::raw_name(opt.raw), frame_bytes(opt.raw, opt.raw_size));
 }
 
-// Segments every frame of the open raw input `in`.
-bool segment_frames(const Options &opt, FILE *in, int64_t frames, OutputSet &outputs,
-                    OutputFile *mask_out, Totals *totals) {
-  Segmenter seg(opt, opt.raw_size, frames, outputs, mask_out);
+// The number of whole frames left in the raw input `in`, which must hold
+// nothing else (a cut file is refused before any work); kCountedOnArrival
+// for a pipe or a device; 0 after a message.
+int64_t count_frames(const Options &opt, FILE *in) {
+  struct stat st;
+  const int error = fstat(fileno(in), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : 0;
+  if (error != 0) {
+    complain("%s", file_message("read", opt.input, error).c_str());
+    return 0;
+  }
+  if (!S_ISREG(st.st_mode)) return kCountedOnArrival;
+  const int64_t bytes =
+      std::max<int64_t>(0, st.st_size - std::max<int64_t>(0, lseek(fileno(in), 0, SEEK_CUR)));
+  const int64_t fb = frame_bytes(opt.raw, opt.raw_size);
+  if (bytes == 0 || bytes % fb != 0) {
+    say_cut(opt, bytes / fb, bytes % fb);
+    return 0;
+  }
+  return bytes / fb;
+}
+
+// Whether the input ended well after `whole` frames, given how the next
+// read went (`got` bytes of the next frame, `error` its errno); says what
+// went wrong otherwise.
+bool input_ended(const Options &opt, hseg_tools::FrameRead read, int64_t whole, size_t got,
+                 int error) {
+  if (read == hseg_tools::FrameRead::kError) {
+    complain("%s", file_message("read", opt.input, error).c_str());
+    return false;
+  }
+  if (read == hseg_tools::FrameRead::kEnd && whole > 0) return true;
+  say_cut(opt, whole, static_cast<int64_t>(got));
+  return false;
+}
+
+// Segments every frame of the open raw input `in`, one at a time as they
+// arrive.
+bool segment_frames(const Options &opt, FILE *in, int64_t frames, const Effect &effect,
+                    Outputs &outputs, Totals *totals) {
+  Segmenter seg(opt, opt.raw_size, frames, effect, outputs);
   std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes(opt.raw, opt.raw_size)));
   Picture pic;
   pic.size = opt.raw_size;
   if (seg.needs_picture()) pic.bgr.resize(size_t{3} * opt.raw_size.w * opt.raw_size.h);
-  const bool progress = frames > 1 && isatty(STDERR_FILENO);
+  const bool progress = frames != 1 && isatty(STDERR_FILENO);
   const auto t0 = std::chrono::steady_clock::now();
-  for (int64_t i = 0; i < frames; ++i) {
-    if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) {
-      complain("cannot read frame %" PRId64 " of '%s'", i, opt.input.c_str());
-      return false;
+  for (int64_t i = 0;; ++i) {
+    size_t got = 0;
+    const hseg_tools::FrameRead read = hseg_tools::read_frame(in, &frame, &got);
+    if (read != hseg_tools::FrameRead::kFrame) {
+      const int error = errno;
+      if (progress) std::fputc('\n', stderr);
+      *totals = seg.totals();
+      return input_ended(opt, read, i, got, error);
     }
-    const OffscreenImage src = describe_raw(opt.raw, opt.raw_size, frame.data());
+    OffscreenImage src = hseg_tools::describe_frame(opt.raw, opt.raw_size, frame.data());
     if (seg.needs_picture()) {
       // Equal sizes: the area resize is a plain colour conversion.
       OffscreenImage bgr = pic.describe();
       const MRESULT s = LumResizeToBGR(nullptr, &src, &bgr);
-      if (s != HSEG_OK) {
-        std::fprintf(stderr, "hseg-segment: colour conversion failed: status %u (%s)\n", s,
-                     status_text(s));
-        return false;
-      }
+      if (s != HSEG_OK) return library_failed("colour conversion", s);
     }
     if (!seg.run(src, &pic, i)) return false;
-    if (progress)
-      show_progress(i + 1, frames,
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+    if (progress) show_progress(i + 1, frames, seconds_since(t0));
   }
-  *totals = seg.totals();
+}
+
+// Opens the outputs that take one piece a frame: the masks, unless they go
+// to PNG files, and the composited frames.
+bool open_streams(const Options &opt, Outputs *out) {
+  if (!opt.mask.empty() && !has_extension(opt.mask, ".png")) {
+    out->raw_masks = &out->files.add(opt.mask);
+    if (!reported(*out->raw_masks, out->raw_masks->open())) return false;
+  }
+  if (!opt.output.empty()) {
+    out->raw_frames = &out->files.add(opt.output);
+    if (!reported(*out->raw_frames, out->raw_frames->open())) return false;
+  }
+  return true;
+}
+
+bool close_streams(const Outputs &out) {
+  for (OutputFile *f : {out.raw_masks, out.raw_frames})
+    if (f != nullptr && !reported(*f, f->close())) return false;
   return true;
 }
 
 int run_raw(const Options &opt) {
-  FILE *in = std::fopen(opt.input.c_str(), "rb");
-  if (in == nullptr) {
-    complain("cannot open '%s': %s", opt.input.c_str(), std::strerror(errno));
+  File in = hseg_tools::open_file(opt.input, "rb");
+  if (!in) {
+    complain("%s", file_message("open", opt.input, errno).c_str());
     return kExitFailed;
   }
-  const int64_t frames = count_frames(opt, in);
-  OutputSet outputs;
-  OutputFile *mask_out = ends_with_png(opt.mask) ? nullptr : &outputs.add(opt.mask);
+  const int64_t frames = count_frames(opt, in.get());
+  Effect effect;
+  Outputs outputs;
   Totals totals;
-  bool ok = frames > 0;
-  if (ok && mask_out != nullptr && !mask_out->open()) {
-    complain("%s", mask_out->message().c_str());
-    ok = false;
-  }
-  ok = ok && segment_frames(opt, in, frames, outputs, mask_out, &totals);
-  std::fclose(in);
-  if (ok && mask_out != nullptr && !mask_out->close()) {
-    complain("%s", mask_out->message().c_str());
-    ok = false;
-  }
-  if (!ok || !commit(outputs)) return kExitFailed;
-  if (opt.time) print_times(totals, opt.fast);
+  const bool ok = frames != 0 && prepare_effect(opt, opt.raw, opt.raw_size, &effect) &&
+                  open_streams(opt, &outputs) &&
+                  segment_frames(opt, in.get(), frames, effect, outputs, &totals) &&
+                  close_streams(outputs);
+  if (!ok || !commit(outputs.files)) return kExitFailed;
+  if (opt.time) print_times(opt, totals);
   return kExitOk;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  // A write past a file-size limit then fails with EFBIG, is reported and
-  // cleaned up, instead of killing the tool and leaving temporaries behind.
+  // A write past a file-size limit, or to a pipe whose reader has gone,
+  // then fails with EFBIG or EPIPE, is reported and cleaned up, instead of
+  // killing the tool and leaving temporaries behind.
   std::signal(SIGXFSZ, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
   Options opt;
   const int parsed = parse_args(argc, argv, &opt);
   if (parsed != kExitOk) return parsed;
@@ -838,7 +1024,7 @@ int main(int argc, char **argv) {
     return kExitOk;
   }
   try {
-    return opt.raw == RawFormat::kNone ? run_picture(opt) : run_raw(opt);
+    return opt.raw == 0 ? run_picture(opt) : run_raw(opt);
   } catch (const std::bad_alloc &) {
     complain("out of memory");
     return kExitFailed;

@@ -34,6 +34,7 @@
 #include "elf_symbols.h"
 #include "hseg_weights_io.h"
 #include "hseg_weights_synth.h"
+#include "stdio_file.h"
 #include "pipeline/net_layers.h"
 
 namespace {
@@ -205,17 +206,20 @@ std::string asm_string(const std::string &s) {
 }
 
 bool write_text(const std::string &path, const std::string &text) {
-  FILE *f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
-    std::fprintf(stderr, "%s: cannot create %s: %s\n", kProgram, path.c_str(), std::strerror(errno));
+  hseg_tools::File f(std::fopen(path.c_str(), "wb"));
+  if (!f) {
+    std::fprintf(stderr, "%s: %s\n", kProgram,
+                 hseg_tools::file_message("create", path, errno).c_str());
     return false;
   }
-  const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  if (std::fclose(f) != 0 || !ok) {
-    std::fprintf(stderr, "%s: cannot write %s\n", kProgram, path.c_str());
-    return false;
-  }
-  return true;
+  const int write_error =
+      std::fwrite(text.data(), 1, text.size(), f.get()) == text.size() ? 0 : errno;
+  const int close_error = hseg_tools::close_file(f);
+  if (write_error == 0 && close_error == 0) return true;
+  std::fprintf(stderr, "%s: %s\n", kProgram,
+               hseg_tools::file_message("write", path, write_error != 0 ? write_error : close_error)
+                   .c_str());
+  return false;
 }
 
 // One read-only data symbol per tensor, each a slice of the weights file.

@@ -14,18 +14,15 @@
 #include <set>
 #include <sstream>
 
+#include "stdio_file.h"
+
 namespace hseg_weights {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct FileCloser {
-  void operator()(FILE *f) const {
-    if (f != nullptr) std::fclose(f);
-  }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
+using hseg_tools::File;
 
 // Bytes per element of the safetensors dtypes; 0 for a name it does not know.
 uint64_t dtype_bytes(const std::string &dtype) {
@@ -394,7 +391,7 @@ bool write_file(const std::string &path, const std::vector<TensorShape> &shapes,
 
   File f(std::fopen(path.c_str(), "wb"));
   if (!f) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
+    *error = hseg_tools::file_message("create", path, errno);
     return false;
   }
   unsigned char len[8];
@@ -407,13 +404,11 @@ bool write_file(const std::string &path, const std::vector<TensorShape> &shapes,
     fill(i, values.data());
     ok = std::fwrite(values.data(), 4, values.size(), f.get()) == values.size();
   }
-  ok = ok && std::fflush(f.get()) == 0;
-  if (!ok) *error = "cannot write " + path + ": " + std::strerror(errno);
-  if (std::fclose(f.release()) != 0 && ok) {
-    *error = "cannot write " + path + ": " + std::strerror(errno);
-    ok = false;
-  }
-  return ok;
+  const int write_error = ok ? 0 : errno;
+  const int close_error = hseg_tools::close_file(f);
+  if (ok && close_error == 0) return true;
+  *error = hseg_tools::file_message("write", path, ok ? close_error : write_error);
+  return false;
 }
 
 }  // namespace hseg_weights

@@ -37,19 +37,15 @@ void OutputFile::fail(int error) { failed(error); }
 
 bool OutputFile::open() {
   final_ = target_;
-  if (target_ == "-") {
+  struct stat st {};
+  const bool exists = target_ != "-" && stat(target_.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) return failed(EISDIR);
+  if (target_ == "-" || (exists && !S_ISREG(st.st_mode))) {
     in_place_ = true;
-    stream_ = stdout;
-    return true;
+    stream_ = open_file(target_, "wb");
+    return stream_ != nullptr || failed(errno);
   }
-  struct stat st;
-  if (stat(target_.c_str(), &st) == 0) {
-    if (S_ISDIR(st.st_mode)) return failed(EISDIR);
-    if (!S_ISREG(st.st_mode)) {
-      in_place_ = true;
-      stream_ = std::fopen(target_.c_str(), "wb");
-      return stream_ != nullptr || failed(errno);
-    }
+  if (exists) {
     char resolved[PATH_MAX];
     if (realpath(target_.c_str(), resolved) != nullptr) final_ = resolved;
   }
@@ -59,7 +55,7 @@ bool OutputFile::open() {
     temp_.clear();
     return failed(e);
   }
-  stream_ = fdopen(fd, "wb");
+  stream_.reset(fdopen(fd, "wb"));
   if (stream_ == nullptr) {
     const int e = errno;
     ::close(fd);
@@ -70,18 +66,18 @@ bool OutputFile::open() {
 
 bool OutputFile::write(const void *data, size_t n) {
   if (error_ != 0 || stream_ == nullptr) return failed(EBADF);
-  if (n > 0 && std::fwrite(data, 1, n, stream_) != n) return failed(errno);
+  if (n > 0 && std::fwrite(data, 1, n, stream_.get()) != n) return failed(errno);
   return true;
+}
+
+bool OutputFile::flush() {
+  if (error_ != 0 || stream_ == nullptr) return failed(EBADF);
+  return std::fflush(stream_.get()) == 0 || failed(errno);
 }
 
 bool OutputFile::close() {
   if (stream_ == nullptr) return failed(EBADF);
-  FILE *s = stream_;
-  stream_ = nullptr;
-  errno = 0;
-  int e = 0;
-  if (std::fflush(s) != 0 || std::ferror(s) != 0) e = errno != 0 ? errno : EIO;
-  if (s != stdout && std::fclose(s) != 0 && e == 0) e = errno != 0 ? errno : EIO;
+  const int e = close_file(stream_);
   return e != 0 ? failed(e) : error_ == 0;
 }
 
@@ -93,14 +89,13 @@ bool OutputFile::commit() {
 }
 
 void OutputFile::discard() {
-  if (stream_ != nullptr && stream_ != stdout) std::fclose(stream_);
-  stream_ = nullptr;
+  stream_.reset();
   if (!committed_ && !temp_.empty()) std::remove(temp_.c_str());
   temp_.clear();
 }
 
 std::string OutputFile::message() const {
-  return "cannot write '" + target_ + "': " + std::strerror(error_ != 0 ? error_ : EIO);
+  return file_message("write", target_, error_);
 }
 
 bool OutputSet::commit(const OutputFile **failed) {

@@ -22,9 +22,10 @@
 #define HSEG_TOOLS_OUTPUT_FILE_H_
 
 #include <cstddef>
-#include <cstdio>
 #include <deque>
 #include <string>
+
+#include "stdio_file.h"
 
 namespace hseg_tools {
 
@@ -39,6 +40,9 @@ class OutputFile {
   bool open();
   // Writes n bytes. False once anything has failed.
   bool write(const void *data, size_t n);
+  // Hands what was written so far on to the file (a reader at the other end
+  // of a pipe sees it now). False once anything has failed.
+  bool flush();
   // Flushes and closes; a temporary then waits for commit(). False when this
   // or anything before it failed.
   bool close();
@@ -52,7 +56,8 @@ class OutputFile {
 
   bool ok() const { return error_ == 0; }
   const std::string &target() const { return target_; }
-  // "cannot write 'TARGET': reason" for the first failure.
+  // "cannot write 'TARGET': reason" for the first failure ("standard
+  // output" for "-").
   std::string message() const;
 
  private:
@@ -61,7 +66,7 @@ class OutputFile {
   std::string target_;
   std::string final_;  // where commit() renames to: the target, or where its link points
   std::string temp_;   // empty when written in place
-  FILE *stream_ = nullptr;
+  File stream_;
   bool in_place_ = false;
   bool committed_ = false;
   int error_ = 0;
