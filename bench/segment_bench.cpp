@@ -150,8 +150,6 @@ void BM_Hseg_Soak200(benchmark::State &state) {
   state.counters["rss_growth_kB"] = static_cast<double>(last - first);
 }
 
-}  // namespace
-
 // One call of the exact (Hseg) or the fast network (HsegEx) on `f` into a
 // mask of the frame's size.
 hseg_bench::CallCost call(const Frame &f, bool fast) {
