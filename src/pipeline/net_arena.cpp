@@ -1,18 +1,14 @@
 #include "pipeline/net_arena.h"
 
-#include <sys/mman.h>
-
 #include <cstdint>
+
+#include "common/huge_map.h"
 
 namespace hseg {
 namespace {
 
-constexpr size_t kHugePage = size_t{2} << 20;
 // Where a planning arena's addresses start: any non-null, aligned value.
 constexpr uintptr_t kPlanBase = 4096;
-
-// Arenas are mapped in whole huge pages.
-size_t round_to_huge(size_t bytes) { return (bytes + kHugePage - 1) / kHugePage * kHugePage; }
 
 }  // namespace
 
@@ -61,27 +57,8 @@ void NetArena::give(void *ptr) {
   }
 }
 
-void *net_arena_map(size_t bytes) {
-  if (bytes == 0 || bytes > SIZE_MAX / 2) return nullptr;
-  bytes = round_to_huge(bytes);
-  // Map a huge page more than needed and trim both ends to an aligned range,
-  // so that every 2 MB of the arena can be one huge page.
-  const size_t span = bytes + kHugePage;
-  void *m = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (m == MAP_FAILED) return nullptr;
-  const uintptr_t start = reinterpret_cast<uintptr_t>(m);
-  const uintptr_t aligned = (start + kHugePage - 1) / kHugePage * kHugePage;
-  const size_t head = aligned - start, tail = span - head - bytes;
-  if (head > 0) munmap(m, head);
-  if (tail > 0) munmap(reinterpret_cast<void *>(aligned + bytes), tail);
-#ifdef MADV_HUGEPAGE
-  madvise(reinterpret_cast<void *>(aligned), bytes, MADV_HUGEPAGE);  // a hint; may fail
-#endif
-  return reinterpret_cast<void *>(aligned);
-}
+void *net_arena_map(size_t bytes) { return map_huge(bytes); }
 
-void net_arena_unmap(void *ptr, size_t bytes) {
-  if (ptr != nullptr) munmap(ptr, round_to_huge(bytes));
-}
+void net_arena_unmap(void *ptr, size_t bytes) { unmap_huge(ptr, bytes); }
 
 }  // namespace hseg
