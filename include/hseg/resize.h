@@ -213,8 +213,6 @@ HSEG_API MRESULT lumResize_Area_YUY2toBGR_SP(const uint8_t *src, int32_t src_pit
 HSEG_API LumAreaYUV420LPWorker lumResize_Area_YUV420LPtoBGR_SP;
 HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
 
-/* ---- end of area resize ---- */
-
 /* ---- nearest, bilinear and bicubic resizers ---- */
 
 /*
@@ -407,8 +405,6 @@ HSEG_API MRESULT ImageResize_Cubic_C1(MHandle mem, const uint8_t *src, int32_t s
                                       int32_t src_height, int32_t src_pitch, uint8_t *dst,
                                       int32_t dst_width, int32_t dst_height, int32_t dst_pitch,
                                       CubicCache *cache);
-
-/* ---- end of nearest, bilinear and bicubic resizers ---- */
 
 #ifdef __cplusplus
 } /* extern "C" */
