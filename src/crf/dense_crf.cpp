@@ -15,7 +15,7 @@
 namespace hseg {
 namespace crf {
 
-void normalize_reference(const float *t, float *q, float *sums, uint32_t N, uint32_t M) {
+void normalize_ref(const float *t, float *q, float *sums, uint32_t N, uint32_t M) {
   for (uint32_t i = 0; i < N; ++i) {
     const float *ti = t + static_cast<size_t>(i) * M;
     float *qi = q + static_cast<size_t>(i) * M;
@@ -78,7 +78,7 @@ void normalize(DenseCrf *crf, const float *t, float *q) {
   if (M == 2) {
     normalize_two_labels_sse2(t, q, N);
   } else {
-    normalize_reference(t, q, crf->pixel_scratch, N, M);
+    normalize_ref(t, q, crf->pixel_scratch, N, M);
   }
 }
 

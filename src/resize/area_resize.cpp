@@ -82,7 +82,7 @@ struct FullGrid {
 
 }  // namespace
 
-MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
+MRESULT resize_to_bgr_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
   return resize_on<Walk::kPlain, FullGrid>(mem, src, dst);
 }
 

@@ -121,7 +121,7 @@ struct HalfGrid {
 
 }  // namespace
 
-MRESULT resize_to_bgr_sp_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
+MRESULT resize_to_bgr_sp_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
   return resize_on<Walk::kPlain, HalfGrid>(mem, src, dst);
 }
 

@@ -115,10 +115,10 @@ bool fixed_point_serves(const OffscreenImage &src, const OffscreenImage &dst, bo
 MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
                         bool half, Dispatch fixed_point, Dispatch exact);
 
-// LumResizeToBGR and LumResizeToBGR_SP with every worker on the plain walk:
+// LumResizeToBGR and LumResizeToBGR_SP with every worker on the reference walk:
 // the reference for the fused one.
-MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
-MRESULT resize_to_bgr_sp_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
+MRESULT resize_to_bgr_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
+MRESULT resize_to_bgr_sp_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
 
 // A plane is usable when it is non-null and its pitch holds a row.
 inline bool plane_ok(const uint8_t *plane, int32_t pitch, int64_t row_bytes) {
