@@ -57,8 +57,8 @@ typedef struct LumResizeEntry {
  *                          below 1, a plane that the format reads is NULL, or
  *                          a pitch is smaller than a row of its plane;
  *   HSEG_OK                the destination is wider or taller than the
- *                          source: nothing is allocated or written (the
- *                          function only shrinks);
+ *                          source: nothing is allocated or written (fixed
+ *                          interface behaviour: the function only shrinks);
  *   HSEG_ERR_BAD_ARGUMENT  the work block, (3 * dst width + 4) * 16 +
  *                          24 * src width bytes, does not fit in int32;
  *   HSEG_ERR_NO_MEMORY     MMemAlloc(mem, ...) failed;
@@ -239,7 +239,7 @@ HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
  * Destination column dx reads source column
  *   sx = (min(src_width, dst_width) - 1 + 2 * dx * src_width) / (2 * dst_width)
  * (integer division, computed without overflow), and rows likewise with the
- * heights. Equal sizes give an exact copy.
+ * heights; fixed interface behaviour: this bias, not half a pixel. Equal sizes give an exact copy.
  *
  * Work memory: one block of 4 * dst_width bytes (the column table), plus
  * 20 bytes per 16 columns for one channel (a shuffle table for enlargements).
@@ -275,9 +275,9 @@ HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, int32_t src_
  * Sources wider or taller than 65536 pixels give HSEG_ERR_BAD_ARGUMENT (the
  * tables hold 16-bit coordinates).
  *
- * Equal sizes: when the destination has exactly the source's width and
- * height, every member of the family returns HSEG_OK at once and writes
- * nothing: it does not copy, and zevImageResize_BL does not convert. Use a
+ * Equal sizes (fixed interface behaviour): when the destination has exactly
+ * the source's width and height, every member of the family returns HSEG_OK
+ * at once and writes nothing: it does not copy, and zevImageResize_BL does not convert. Use a
  * copy or the area resize for a same-size conversion.
  */
 
@@ -360,8 +360,8 @@ HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int3
  * fills them on first use and reuses them afterwards. Free both with
  * MMemFree (same `mem`) when done; a cache may then be zeroed and used again.
  *
- * The column table is built once, together with the kernel table, for the
- * first call's widths, and later calls reuse it as it is: a cache serves one
+ * Fixed interface behaviour: the column table is built once, together with
+ * the kernel table, for the first call's widths, and later calls reuse it as it is: a cache serves one
  * pair of sizes. A later call with a different width is still safe (every
  * tap is clamped to its row) but resamples with the first call's column
  * geometry; a later destination wider than the one the cache was built for

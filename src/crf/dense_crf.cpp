@@ -263,7 +263,9 @@ MRESULT crf_inference(DenseCrf *crf, int32_t iterations, float relaxation) {
       ok = hseg::crf::lattice_filter_accumulate(&f.lattice, next, q, M, f.weight, f.norm,
                                                 crf->filter_scratch) == HSEG_OK;
     }
-    if (!ok) continue;  // a failed filtering leaves this iteration's marginals as they were
+    // Fixed interface behaviour: a failed filtering leaves this iteration's
+    // marginals as they were and is not reported.
+    if (!ok) continue;
     if (relaxation == 1.0f) {
       hseg::crf::normalize(crf, next, q);
     } else {
