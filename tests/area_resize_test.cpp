@@ -315,14 +315,13 @@ TEST(AreaResize, FailuresLeaveNothingBehind) {
   for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
     for (uint32_t f : kFormats) {
       const Frame s = describe(p, f, 1);
-      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+      for_each_alloc_failure([&](int64_t failing) {
         Raster t(11, 7, 3, 2);
         const OffscreenImage d = t.bgr();
         EXPECT_EQ(resize(nullptr, &s.d, &d), failing ? HSEG_ERR_NO_MEMORY : HSEG_OK);
         EXPECT_TRUE(!failing || t.untouched());
         EXPECT_EQ(alloc_live(), live);
       });
-      EXPECT_EQ(n, 1);
     }
     const bool half = resize == LumResizeToBGR_SP;
     const Picture wide = random_picture(rng, half ? 32802 : 16424, 2);
