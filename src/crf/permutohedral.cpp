@@ -76,7 +76,7 @@ void make_embedding(int d, Embedding *em) {
 
 // Which path a lattice build or filtering takes: the reference that follows
 // the algorithm literally, or the fast one that gives the same bits.
-enum class Path { kRef, kFast };
+enum class Path { kRef, kSpecialised };
 
 // roundf (half away from zero) of y, when |roundf(y)| <= limit; false
 // otherwise and for NaN. y - trunc(y) is exact (Sterbenz for |y| >= 1, y
@@ -197,7 +197,7 @@ inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t
   float e[kMaxDim + 1];
   int32_t sum = 0;
   elevate<kD>(em, f, e);
-  if (kPath == Path::kFast) {
+  if (kPath == Path::kSpecialised) {
     if (!nearest_remainder0<kD, round_fast>(em, e, p, &sum)) return false;
     rank_fast<kD>(em, e, p, rank);
   } else {
@@ -271,7 +271,7 @@ MRESULT build_points_fast(const Embedding &em, LatticeHash *table, const float *
     const uint32_t n = N - k0 < kBlock ? N - k0 : kBlock;
     for (uint32_t t = 0; t < n; ++t) {
       const size_t k = static_cast<size_t>(k0) + t;
-      if (!embed_point<kD, Path::kFast>(em, features + k * d, p, rank, b)) {
+      if (!embed_point<kD, Path::kSpecialised>(em, features + k * d, p, rank, b)) {
         return HSEG_ERR_BAD_ARGUMENT;
       }
       float *w = weights + k * d1;
@@ -330,7 +330,7 @@ inline void neighbour_keys(const int16_t *key, int d_run, int j, int16_t *lo, in
 template <int kD, Path kPath>
 MRESULT build_neighbours(LatticeHash *table, int d_run, uint32_t M, uint32_t *pairs) {
   constexpr int kDim = kD > 0 ? kD : kMaxDim;
-  constexpr uint32_t kAhead = kPath == Path::kFast ? 4 : 1;
+  constexpr uint32_t kAhead = kPath == Path::kSpecialised ? 4 : 1;
   const int d = kD > 0 ? kD : d_run;
   int16_t keys[kAhead][kDim + 1][2][kDim];
   uint32_t hashes[kAhead][kDim + 1][2];
@@ -342,7 +342,7 @@ MRESULT build_neighbours(LatticeHash *table, int d_run, uint32_t M, uint32_t *pa
         neighbour_keys<kD>(key, d, j, keys[t][j][0], keys[t][j][1]);
         for (int s = 0; s < 2; ++s) {
           hashes[t][j][s] = hash_key<kD>(keys[t][j][s], static_cast<uint32_t>(d));
-          if (kPath == Path::kFast) prefetch_slot(table, hashes[t][j][s]);
+          if (kPath == Path::kSpecialised) prefetch_slot(table, hashes[t][j][s]);
         }
       }
     }
@@ -387,7 +387,7 @@ MRESULT build(MHandle handle, PermutohedralLattice *lat, const float *features, 
   if (st == HSEG_OK) {
     Embedding em;
     make_embedding(static_cast<int>(d), &em);
-    st = kPath == Path::kFast
+    st = kPath == Path::kSpecialised
              ? build_points_fast<kD>(em, &table, features, N, lat->offsets, lat->weights)
              : build_points_ref<kD>(em, &table, features, N, lat->offsets, lat->weights);
   }
@@ -750,7 +750,7 @@ MRESULT lattice_filter_accumulate(const PermutohedralLattice *lat, float *out, c
                                   uint32_t vd, float weight, const float *norm, float *buffers) {
   if (norm == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   const Accumulation acc{weight, norm};
-  return filter(Path::kFast, lat, out, in, vd, 0, 0, -1, -1, &acc, buffers);
+  return filter(Path::kSpecialised, lat, out, in, vd, 0, 0, -1, -1, &acc, buffers);
 }
 
 }  // namespace crf
@@ -762,16 +762,16 @@ MRESULT permhd_init(MHandle handle, PermutohedralLattice *lattice, const float *
                     uint32_t d, uint32_t N) {
   using hseg::crf::build;
   using hseg::crf::Path;
-  if (d == 2) return build<2, Path::kFast>(handle, lattice, features, d, N);
-  if (d == 5) return build<5, Path::kFast>(handle, lattice, features, d, N);
-  return build<0, Path::kFast>(handle, lattice, features, d, N);
+  if (d == 2) return build<2, Path::kSpecialised>(handle, lattice, features, d, N);
+  if (d == 5) return build<5, Path::kSpecialised>(handle, lattice, features, d, N);
+  return build<0, Path::kSpecialised>(handle, lattice, features, d, N);
 }
 
 MRESULT permhd_compute(const PermutohedralLattice *lattice, float *out, const float *in,
                        uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
                        int32_t out_size) {
-  return hseg::crf::filter(hseg::crf::Path::kFast, lattice, out, in, vd, in_offset, out_offset,
-                           in_size, out_size, nullptr);
+  return hseg::crf::filter(hseg::crf::Path::kSpecialised, lattice, out, in, vd, in_offset,
+                           out_offset, in_size, out_size, nullptr);
 }
 
 MRESULT permhd_release(PermutohedralLattice *lattice) {
