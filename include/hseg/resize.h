@@ -239,7 +239,8 @@ HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
  * Destination column dx reads source column
  *   sx = (min(src_width, dst_width) - 1 + 2 * dx * src_width) / (2 * dst_width)
  * (integer division, computed without overflow), and rows likewise with the
- * heights; fixed interface behaviour: this bias, not half a pixel. Equal sizes give an exact copy.
+ * heights; fixed interface behaviour: this bias, not half a pixel. Equal
+ * sizes give an exact copy.
  *
  * Work memory: one block of 4 * dst_width bytes (the column table), plus
  * 20 bytes per 16 columns for one channel (a shuffle table for enlargements).
