@@ -321,8 +321,8 @@ HSEG_API uint64_t ly_softmax(const float *input, float *output, int count, int n
  *
  * Fixed interface behaviour: there is no status. On a null pointer (with a
  * non-empty matrix), a negative size, a size product that overflows, or a
- * failed allocation, result is left unwritten. The product is formed in a temporary first, so a failure
- * never leaves a partial result. */
+ * failed allocation, result is left unwritten. The product is formed in a
+ * temporary first, so a failure never leaves a partial result. */
 HSEG_API void convmul(const float *rhs, const float *lhs, float *result, int M, int N, int K);
 
 #ifdef __cplusplus

@@ -362,8 +362,8 @@ HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int3
  * MMemFree (same `mem`) when done; a cache may then be zeroed and used again.
  *
  * Fixed interface behaviour: the column table is built once, together with
- * the kernel table, for the first call's widths, and later calls reuse it as it is: a cache serves one
- * pair of sizes. A later call with a different width is still safe (every
+ * the kernel table, for the first call's widths, and later calls reuse it
+ * as it is: a cache serves one pair of sizes. A later call with a different width is still safe (every
  * tap is clamped to its row) but resamples with the first call's column
  * geometry; a later destination wider than the one the cache was built for
  * gives HSEG_ERR_BAD_ARGUMENT. Use one cache per size pair. */
