@@ -363,10 +363,11 @@ HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int3
  *
  * Fixed interface behaviour: the column table is built once, together with
  * the kernel table, for the first call's widths, and later calls reuse it
- * as it is: a cache serves one pair of sizes. A later call with a different width is still safe (every
- * tap is clamped to its row) but resamples with the first call's column
- * geometry; a later destination wider than the one the cache was built for
- * gives HSEG_ERR_BAD_ARGUMENT. Use one cache per size pair. */
+ * as it is: a cache serves one pair of sizes. A later call with a different
+ * width is still safe (every tap is clamped to its row) but resamples with
+ * the first call's column geometry; a later destination wider than the one
+ * the cache was built for gives HSEG_ERR_BAD_ARGUMENT. Use one cache per
+ * size pair. */
 typedef struct CubicCache {
   void *work;        /* row buffers and column table, sized for one width */
   int32_t *coef_tab; /* 1025 (near, far) weight pairs, see InitCubicCoeffTab */
