@@ -17,10 +17,9 @@ packages=(
   nlohmann-json3-dev     # safetensors header parsing in the weights tool
   libstb-dev             # PNG/JPEG/BMP reading and PNG writing in the tools
   clang libclang-rt-14-dev  # libFuzzer targets (scripts/fuzz.sh)
-  # ---- python module ----
+  # the Python module
   python3-numpy          # the module's arrays
   python3-pil            # its tests read the example photograph and masks
-  # ---- end of python module ----
 )
 
 if [ "${1:-}" = "--bench" ]; then

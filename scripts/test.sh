@@ -13,11 +13,9 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DHSEG_BUILD_BENCH=OFF
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
 
-# ---- debian packages ----
-# Built in build-deb/, their contents checked, and the tool, the module and a
-# C program run from them unpacked into a throwaway root.
+# Debian packages: built in build-deb/, their contents checked, and the tool,
+# the module and a C program run from them unpacked into a throwaway root.
 scripts/package.sh
-# ---- end of debian packages ----
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_SANITIZE=ON
 cmake --build build-asan -j"$jobs"

@@ -14,8 +14,8 @@ using Resize = MRESULT (*)(MHandle, const OffscreenImage *, const OffscreenImage
 const uint32_t kFormats[] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_NV21,
                              HSEG_PIXFMT_I420};
 
-// Both I420 chroma planes are stepped with pitch 1: pitch 2 is spoiled to
-// show that it is never read.
+// Both I420 chroma planes are stepped with pitch 1: pitch 2 is made larger
+// to show that it never steps a row.
 Frame describe(const Picture &p, uint32_t format, int pad) {
   Frame f = make_frame(p, format, pad, pad);
   f.d.pitches[2] = 9999;
@@ -111,7 +111,7 @@ std::vector<double> reference(const Grid &g, int dw, double sx, double sy, const
 
 // Every output pixel within 1 of the reference: for YUV, the conversion of
 // some Y, U, V each within 1 of the reference means.
-void expect_near_reference(const Raster &t, const std::vector<double> &ref, bool yuv) {
+void expect_near_ref(const Raster &t, const std::vector<double> &ref, bool yuv) {
   for (int i = 0; i < t.w * t.h; ++i) {
     const double *m = &ref[3 * size_t(i)];
     const uint8_t *o = t.row(i / t.w) + 3 * (i % t.w);
@@ -132,8 +132,8 @@ void expect_near_reference(const Raster &t, const std::vector<double> &ref, bool
 
 // Checks a full-resolution (`half` false) or half-sampled resize of `p` and
 // returns its pixels.
-std::vector<uint8_t> check_against_reference(const Picture &p, uint32_t format, int dw, int dh,
-                                             bool half, int pad) {
+std::vector<uint8_t> check_against_ref(const Picture &p, uint32_t format, int dw, int dh, bool half,
+                                       int pad) {
   SCOPED_TRACE(testing::Message() << "format " << format << " " << p.w << "x" << p.h << " -> "
                                   << dw << "x" << dh << " pad " << pad << (half ? " SP" : ""));
   const Raster t = run(half ? LumResizeToBGR_SP : LumResizeToBGR, describe(p, format, pad), dw,
@@ -151,8 +151,8 @@ std::vector<uint8_t> check_against_reference(const Picture &p, uint32_t format, 
   const double f = half ? 0.5 : 1.0;
   const Grid g = grid_of(p, format, half);
   const Rows rows = fixed ? walk_rows(step, g.h, dh, close_last) : exact_rows(f * p.h, dh);
-  expect_near_reference(t, reference(g, dw, f * p.w / dw, f * p.h / dh, rows),
-                        format != HSEG_PIXFMT_BGR24);
+  expect_near_ref(t, reference(g, dw, f * p.w / dw, f * p.h / dh, rows),
+                  format != HSEG_PIXFMT_BGR24);
   return t.packed();
 }
 
@@ -172,7 +172,7 @@ TEST(AreaResize, MatchesDoubleAreaReferenceAndYuvLayoutsAgree) {
       const Picture p = random_picture(rng, w, h);
       std::vector<uint8_t> out[4];
       for (int i = 0; i < 4; ++i)
-        out[i] = check_against_reference(p, kFormats[i], dw, dh, half, int(rng() % 5));
+        out[i] = check_against_ref(p, kFormats[i], dw, dh, half, int(rng() % 5));
       EXPECT_TRUE(half || (out[1] == out[2] && out[2] == out[3])) << w << "x" << h;
     }
   }
@@ -195,7 +195,7 @@ TEST(AreaResize, ClosesOrCopiesTheLastRowsStopsAtTheEndAndSaturates) {
   for (const auto &c : cases) {
     Picture p = random_picture(rng, c.w, c.h, c.white ? 255 : 0, 255);
     if (c.white) p.u.assign(p.u.size(), 128), p.v.assign(p.v.size(), 128);
-    for (uint32_t f : kFormats) check_against_reference(p, f, c.dw, c.dh, c.half, 1);
+    for (uint32_t f : kFormats) check_against_ref(p, f, c.dw, c.dh, c.half, 1);
   }
 }
 
@@ -222,7 +222,7 @@ TEST(AreaResize, LargeRatiosAndHalfGridEnlargementGiveTheAreaMean) {
     for (const int lo : {200, 0}) {
       Picture p = random_picture(rng, c.w, c.h, lo, lo == 0 ? 255 : lo);
       if (lo != 0) p.u.assign(p.u.size(), 128), p.v.assign(p.v.size(), 128);
-      for (uint32_t f : kFormats) check_against_reference(p, f, c.dw, c.dh, c.half, int(rng() % 3));
+      for (uint32_t f : kFormats) check_against_ref(p, f, c.dw, c.dh, c.half, int(rng() % 3));
     }
   }
 }
@@ -270,6 +270,11 @@ TEST(AreaResize, RefusesBadArgumentsAndEnlargementWithoutWorking) {
       {"null source plane", [](auto &s, auto &) { s.planes[0] = nullptr; }, 2},
       {"null destination", [](auto &, auto &d) { d.planes[0] = nullptr; }, 2},
       {"short source pitch", [](auto &s, auto &) { s.pitches[0] -= 5; }, 2},
+      {"last plane's pitch a byte short (I420: V, although stepped with U's)",
+       [](auto &s, auto &) {  // the frame's rows carry 2 bytes of padding
+         const int k = s.format == HSEG_PIXFMT_I420 ? 2 : s.format == HSEG_PIXFMT_NV21;
+         s.pitches[k] = s.pitches[k < 2 ? k : 1] - 3;
+       }, 2},
       {"negative pitch", [](auto &s, auto &) { s.pitches[0] = -100; }, 2},
       {"short destination pitch", [](auto &, auto &d) { d.pitches[0] = 3 * d.width - 1; }, 2},
       {"wider destination",
@@ -310,14 +315,13 @@ TEST(AreaResize, FailuresLeaveNothingBehind) {
   for (Resize resize : {LumResizeToBGR, LumResizeToBGR_SP}) {
     for (uint32_t f : kFormats) {
       const Frame s = describe(p, f, 1);
-      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+      for_each_alloc_failure([&](int64_t failing) {
         Raster t(11, 7, 3, 2);
         const OffscreenImage d = t.bgr();
         EXPECT_EQ(resize(nullptr, &s.d, &d), failing ? HSEG_ERR_NO_MEMORY : HSEG_OK);
         EXPECT_TRUE(!failing || t.untouched());
         EXPECT_EQ(alloc_live(), live);
       });
-      EXPECT_EQ(n, 1);
     }
     const bool half = resize == LumResizeToBGR_SP;
     const Picture wide = random_picture(rng, half ? 32802 : 16424, 2);
@@ -426,9 +430,9 @@ TEST(AreaResize, WorkedExampleRoundsLikeTheFormulas) {
 // destinations start from different fillings so that an unwritten byte shows.
 TEST(AreaResize, FusedWalkEqualsPlainWalk) {
   std::mt19937 rng(31);
-  const struct { Resize fused, plain; } walks[] = {
-      {LumResizeToBGR, hseg::area::resize_to_bgr_plain},
-      {LumResizeToBGR_SP, hseg::area::resize_to_bgr_sp_plain}};
+  const struct { Resize fused, plain;
+  } walks[] = {{LumResizeToBGR, hseg::area::resize_to_bgr_ref},
+               {LumResizeToBGR_SP, hseg::area::resize_to_bgr_sp_ref}};
   for (int trial = 0; trial < 40; ++trial) {
     const int w = 1 + int(rng() % 150), h = 1 + int(rng() % 150);
     const int dw = 1 + int(rng() % w), dh = 1 + int(rng() % h), pad = int(rng() % 5);

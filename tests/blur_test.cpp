@@ -104,7 +104,7 @@ int64_t hits(int64_t i, int64_t r, int64_t j, int64_t n) {
 }
 
 // The exact window mean, written as the weight of every source sample.
-void box_reference(Picture &src, Picture &dst, int32_t r) {
+void box_ref(Picture &src, Picture &dst, int32_t r) {
   for (const PlaneRef &pl : planes_of(src)) {
     const int64_t rx = pl.half_x ? r / 2 : r, ry = r;
     const u128 n = u128(2 * rx + 1) * u128(2 * ry + 1);
@@ -144,7 +144,7 @@ TEST(BoxBlur, EqualsTheExactWindowMean) {
         SCOPED_TRACE(name(f) + " " + std::to_string(w) + "x" + std::to_string(c.h) + " r " +
                      std::to_string(r));
         Picture src = random_picture(rng, f, w, c.h), want = src, got(f, w, c.h);
-        box_reference(src, want, r);
+        box_ref(src, want, r);
         OffscreenImage s = src.desc(), d = got.desc();
         ASSERT_EQ(GB_BoxBlur(nullptr, &s, &d, r), HSEG_OK);
         EXPECT_TRUE(got.rows_equal(want, 0, c.h));

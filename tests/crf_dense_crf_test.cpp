@@ -26,7 +26,7 @@ TEST(DenseCrf, TwoLabelNormalisationPathsMatchTheReference) {
       t[2 * i + 1] = specials[i][1];
     }
     std::vector<float> ref(2 * n, 9.0f), plain(2 * n, -9.0f), sse(2 * n, 5.0f), sums(n);
-    hseg::crf::normalize_reference(t.data(), ref.data(), sums.data(), n, 2);
+    hseg::crf::normalize_ref(t.data(), ref.data(), sums.data(), n, 2);
     hseg::crf::normalize_two_labels(t.data(), plain.data(), n);
     hseg::crf::normalize_two_labels_sse2(t.data(), sse.data(), n);
     EXPECT_EQ(std::memcmp(ref.data(), plain.data(), 8 * n), 0) << "n = " << n;
@@ -119,10 +119,10 @@ TEST(DenseCrf, ScratchGrowsForScatteredFeatures) {
   ASSERT_GT(g.crf.potentials[0].lattice.lattice_count, N);
   std::vector<float> q(M * N), next(M * N), tmp(M * N), sums(N);
   for (int k = 0; k < int(M) * N; ++k) next[k] = -u[k];
-  hseg::crf::normalize_reference(next.data(), q.data(), sums.data(), N, M);
+  hseg::crf::normalize_ref(next.data(), q.data(), sums.data(), N, M);
   for (int k = 0; k < int(M) * N; ++k) next[k] = -u[k];
   ASSERT_EQ(ppil_apply(&g.crf.potentials[0], next.data(), q.data(), tmp.data(), M), HSEG_OK);
-  hseg::crf::normalize_reference(next.data(), q.data(), sums.data(), N, M);
+  hseg::crf::normalize_ref(next.data(), q.data(), sums.data(), N, M);
   ASSERT_EQ(crf_inference(&g.crf, 1, 1.0f), HSEG_OK);
   EXPECT_EQ(std::memcmp(q.data(), g.crf.marginals, 4 * M * N), 0);
 }

@@ -23,8 +23,8 @@ int floor_rule(int in, int k, int p, int s, int d) { return (in + 2 * p - ((k - 
 // Grouped, dilated convolution summed in double. Each output must lie within
 // (terms + 2) * FLT_EPSILON * (sum of |terms|): the bound for any order of
 // float summation.
-void expect_matches_reference(const Geo &g, const Vec &in, const Vec &wt, const float *bias, int oh,
-                              int ow, const Vec &out) {
+void expect_matches_ref(const Geo &g, const Vec &in, const Vec &wt, const float *bias, int oh,
+                        int ow, const Vec &out) {
   const int cg = g.c / g.group, mg = g.m / g.group;
   for (int m = 0; m < g.m; ++m)
     for (int y = 0; y < oh; ++y)
@@ -78,7 +78,7 @@ TEST(FlatnnConv, MatchesDirectReference) {
       EXPECT_EQ(out, Vec(8, kCanary));
       continue;
     }
-    expect_matches_reference(g, in, wt, bias.data(), oh, ow, out);
+    expect_matches_ref(g, in, wt, bias.data(), oh, ow, out);
     // The bias step is a rank-1 product of the biases with ones accumulated
     // onto the bias-free result: bit for bit.
     ASSERT_EQ(run(nullptr, plain.data()), 0u);

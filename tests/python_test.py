@@ -31,11 +31,11 @@ def image_view(a):
     return _images.image_view(a, "image", _segment._BGR, "BGR")
 
 
-def box_reference(img, r):
+def box_ref(img, r):
     """Exact (2r+1) squared window means of each channel, edges replicated,
     rounded to nearest (the count is odd: no ties)."""
     if img.ndim == 3:
-        return np.dstack([box_reference(img[..., c], r) for c in range(img.shape[2])])
+        return np.dstack([box_ref(img[..., c], r) for c in range(img.shape[2])])
     (h, w), n = img.shape, 2 * r + 1
     c = np.pad(np.pad(img.astype(np.int64), r, mode="edge"), ((1, 0), (1, 0))).cumsum(0).cumsum(1)
     return (c[n:, n:] - c[:h, n:] - c[n:, :w] + c[:h, :w] + n * n // 2) // (n * n)
@@ -151,7 +151,7 @@ class Blur(unittest.TestCase):
             with self.subTest(shape=shape, dtype=dtype, radius=r):
                 _, img = padded(shape, dtype, 0)
                 img[...] = rng.integers(0, np.iinfo(dtype).max, shape, endpoint=True)
-                want = box_reference(img, r)
+                want = box_ref(img, r)
                 outer, out = padded(shape, dtype, 77)
                 self.assertIs(hseg.box_blur(img, r, out=out), out)
                 np.testing.assert_array_equal(out, want)

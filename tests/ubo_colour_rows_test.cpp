@@ -20,6 +20,18 @@ Bytes noise(size_t n, std::mt19937 &rng) {
   return b;
 }
 
+// Runs `ref` and `fast` into n-byte outputs (misaligned by off) filled with
+// different canaries, one byte longer than written: the same bytes, and the
+// extra byte untouched.
+template <typename Ref, typename Fast>
+void expect_same(size_t n, int off, Ref ref, Fast fast) {
+  Bytes a(n + off + 1, 0x11), b(n + off + 1, 0xEE);
+  ref(a.data() + off);
+  fast(b.data() + off);
+  ASSERT_TRUE(std::equal(a.begin() + off, a.end() - 1, b.begin() + off));
+  ASSERT_TRUE(a.back() == 0x11 && b.back() == 0xEE);
+}
+
 TEST(ColourRows, Ssse3MatchesTheReference) {
   if (!__builtin_cpu_supports("ssse3")) GTEST_SKIP() << "no SSSE3";
   std::mt19937 rng(14);
@@ -29,25 +41,16 @@ TEST(ColourRows, Ssse3MatchesTheReference) {
       const int32_t cw = 2 * ((w + 1) / 2);
       const Bytes bgr = noise(3 * w + off, rng), bgr2 = noise(3 * w + off, rng);
       const Bytes y = noise(w + off, rng), vu = noise(cw + off, rng);
+      const uint8_t *src = bgr.data() + off, *ys = y.data() + off, *vus = vu.data() + off;
       for (LumaWeights k : {kLuma128, kLumaBt601}) {
-        Bytes a(w + off + 1, 0x11), b(w + off + 1, 0xEE);
-        luma_row_c3_ref(bgr.data() + off, a.data() + off, w, k);
-        luma_row_c3_ssse3(bgr.data() + off, b.data() + off, w, k);
-        ASSERT_TRUE(std::equal(a.begin() + off, a.end() - 1, b.begin() + off))
-            << "luma " << k.shift;
-        ASSERT_TRUE(a.back() == 0x11 && b.back() == 0xEE);
+        expect_same(w, off, [&](uint8_t *o) { luma_row_c3_ref(src, o, w, k); },
+                    [&](uint8_t *o) { luma_row_c3_ssse3(src, o, w, k); });
       }
-      Bytes a(3 * w + off + 1, 0x11), b(3 * w + off + 1, 0xEE);
-      nv21_row_to_bgr_ref(y.data() + off, vu.data() + off, a.data() + off, w);
-      nv21_row_to_bgr_ssse3(y.data() + off, vu.data() + off, b.data() + off, w);
-      ASSERT_TRUE(std::equal(a.begin() + off, a.end() - 1, b.begin() + off)) << "to BGR";
-      ASSERT_TRUE(a.back() == 0x11 && b.back() == 0xEE);
+      expect_same(3 * w, off, [&](uint8_t *o) { nv21_row_to_bgr_ref(ys, vus, o, w); },
+                  [&](uint8_t *o) { nv21_row_to_bgr_ssse3(ys, vus, o, w); });
       for (const uint8_t *below : {bgr2.data() + off, static_cast<const uint8_t *>(nullptr)}) {
-        Bytes c(cw + off + 1, 0x11), d(cw + off + 1, 0xEE);
-        bgr_rows_to_vu_ref(bgr.data() + off, below, c.data() + off, w);
-        bgr_rows_to_vu_ssse3(bgr.data() + off, below, d.data() + off, w);
-        ASSERT_TRUE(std::equal(c.begin() + off, c.end() - 1, d.begin() + off)) << "to VU";
-        ASSERT_TRUE(c.back() == 0x11 && d.back() == 0xEE);
+        expect_same(cw, off, [&](uint8_t *o) { bgr_rows_to_vu_ref(src, below, o, w); },
+                    [&](uint8_t *o) { bgr_rows_to_vu_ssse3(src, below, o, w); });
       }
     }
   }

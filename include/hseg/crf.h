@@ -239,7 +239,8 @@ HSEG_API MRESULT crf_add_bilateral_potts(DenseCrf *crf, const uint8_t *image, in
  * with the old by `relaxation` (1.0 replaces them). It takes no memory (the
  * set-up took it all), so it cannot run out. A potential whose filtering
  * fails all the same (a record edited by hand) makes that iteration keep
- * the old marginals; this is not reported. Status 0; 2 for a null or unset
+ * the old marginals; this is not reported (fixed interface behaviour: such
+ * a failure never changes the status). Status 0; 2 for a null or unset
  * CRF. */
 HSEG_API MRESULT crf_inference(DenseCrf *crf, int32_t iterations, float relaxation);
 
@@ -311,7 +312,9 @@ HSEG_API MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
  * smoothness kernel when smooth_weight > 0 and the appearance kernel when
  * appear_weight > 0, then runs 10 iterations with relaxation 1 (the block's
  * iterations and relaxation are not read). The CRF is built on the default
- * memory context (0), not on `handle`.
+ * memory context (0), not on `handle`. Fixed interface behaviour: `handle`,
+ * the block's iterations and relaxation, and the label, confidence and
+ * output pitches are not used.
  *
  * guide: BGR (0x201), plane 0 and pitch 0. labels, confidence, output:
  * one-byte descriptors (0x701) of the guide's size whose plane 0 is read or

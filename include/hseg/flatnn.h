@@ -17,7 +17,8 @@
  * Aliasing. Output and input must not overlap unless the function says it
  * may run in place; "in place" always means the very same pointer.
  *
- * Results. Every layer returns a status as uint64_t:
+ * Results. Every layer returns a status as uint64_t (fixed interface
+ * behaviour: 64 bits wide, unlike MRESULT, with the same codes):
  *   HSEG_OK (0)               done;
  *   HSEG_ERR_BAD_ARGUMENT (2) an argument was rejected; nothing was written;
  *   HSEG_ERR_NO_MEMORY (4)    a work buffer could not be allocated; nothing
@@ -220,7 +221,8 @@ HSEG_API uint64_t ly_pooling_avg_float(const float *input, int width, int height
  *
  * An empty or out-of-image window, or a destination size below 1, is a
  * program error: the call aborts with a standard assertion failure (also in
- * release builds). Otherwise returns 0, or 2 for a null pointer, negative
+ * release builds). Fixed interface behaviour: callers may rely on the abort
+ * and on its assertion texts. Otherwise returns 0, or 2 for a null pointer, negative
  * num or channels, or a plane count above INT32_MAX. */
 HSEG_API uint64_t ly_interp(const float *input, float *output, int num, int channels,
                             int height_in, int width_in, int pad_beg, int pad_end,
@@ -317,10 +319,10 @@ HSEG_API uint64_t ly_softmax(const float *input, float *output, int count, int n
  * general matrix product. result is overwritten, never accumulated; with
  * K == 0 it is set to zeros. Note the argument order: rhs comes first.
  *
- * There is no status: on a null pointer (with a non-empty matrix), a negative
- * size, a size product that overflows, or a failed allocation, result is
- * left unwritten. The product is formed in a temporary first, so a failure
- * never leaves a partial result. */
+ * Fixed interface behaviour: there is no status. On a null pointer (with a
+ * non-empty matrix), a negative size, a size product that overflows, or a
+ * failed allocation, result is left unwritten. The product is formed in a
+ * temporary first, so a failure never leaves a partial result. */
 HSEG_API void convmul(const float *rhs, const float *lhs, float *result, int M, int N, int K);
 
 #ifdef __cplusplus

@@ -221,7 +221,8 @@ HSEG_API MRESULT img_sobel_magnitude(const Image *src, Image *dst, int32_t norm)
 /* Inverts the row-major n x n matrix `a` into `inv` by Gauss-Jordan
  * elimination with partial pivoting; inv may be a. Returns 2 for a NULL
  * pointer, n < 1, a non-finite entry or a matrix too large for its work
- * memory (2 * n * n doubles from MMemAlloc with a NULL context); 4 when that
+ * memory (2 * n * n doubles from MMemAlloc with a NULL context: fixed
+ * interface behaviour, there is no handle); 4 when that
  * memory cannot be had; HSEG_ERR_SINGULAR (7) when a pivot's magnitude is at
  * most n * DBL_EPSILON times the largest magnitude in `a`. inv is written
  * only on success. */

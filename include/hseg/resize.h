@@ -29,9 +29,9 @@ extern "C" {
  *                      (pitch 1, >= 2 * ((width + 1) / 2)), (height + 1) / 2
  *                      chroma rows
  *   HSEG_PIXFMT_I420   plane 0 = Y (pitch 0, >= width), plane 1 = U,
- *                      plane 2 = V; both chroma planes are stepped with
- *                      pitch 1 (>= (width + 1) / 2), pitch 2 is not read, so
- *                      give both chroma planes the same pitch
+ *                      plane 2 = V; pitch 1 and pitch 2 each >= (width + 1)
+ *                      / 2. Fixed interface behaviour: both chroma planes
+ *                      are stepped with pitch 1, so give them the same pitch
  *
  * The destination is always written as packed BGR (3 bytes a pixel, blue,
  * green, red) to plane 0 with pitch 0; its format code is not read.
@@ -57,8 +57,8 @@ typedef struct LumResizeEntry {
  *                          below 1, a plane that the format reads is NULL, or
  *                          a pitch is smaller than a row of its plane;
  *   HSEG_OK                the destination is wider or taller than the
- *                          source: nothing is allocated or written (the
- *                          function only shrinks);
+ *                          source: nothing is allocated or written (fixed
+ *                          interface behaviour: the function only shrinks);
  *   HSEG_ERR_BAD_ARGUMENT  the work block, (3 * dst width + 4) * 16 +
  *                          24 * src width bytes, does not fit in int32;
  *   HSEG_ERR_NO_MEMORY     MMemAlloc(mem, ...) failed;
@@ -213,8 +213,6 @@ HSEG_API MRESULT lumResize_Area_YUY2toBGR_SP(const uint8_t *src, int32_t src_pit
 HSEG_API LumAreaYUV420LPWorker lumResize_Area_YUV420LPtoBGR_SP;
 HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
 
-/* ---- end of area resize ---- */
-
 /* ---- nearest, bilinear and bicubic resizers ---- */
 
 /*
@@ -241,7 +239,8 @@ HSEG_API LumAreaYUV420PlanarWorker lumResize_Area_YUV420PlanartoBGR_SP;
  * Destination column dx reads source column
  *   sx = (min(src_width, dst_width) - 1 + 2 * dx * src_width) / (2 * dst_width)
  * (integer division, computed without overflow), and rows likewise with the
- * heights. Equal sizes give an exact copy.
+ * heights; fixed interface behaviour: this bias, not half a pixel. Equal
+ * sizes give an exact copy.
  *
  * Work memory: one block of 4 * dst_width bytes (the column table), plus
  * 20 bytes per 16 columns for one channel (a shuffle table for enlargements).
@@ -277,9 +276,9 @@ HSEG_API MRESULT zevImageResize_NN(MHandle mem, const uint8_t *src, int32_t src_
  * Sources wider or taller than 65536 pixels give HSEG_ERR_BAD_ARGUMENT (the
  * tables hold 16-bit coordinates).
  *
- * Equal sizes: when the destination has exactly the source's width and
- * height, every member of the family returns HSEG_OK at once and writes
- * nothing: it does not copy, and zevImageResize_BL does not convert. Use a
+ * Equal sizes (fixed interface behaviour): when the destination has exactly
+ * the source's width and height, every member of the family returns HSEG_OK
+ * at once and writes nothing: it does not copy, and zevImageResize_BL does not convert. Use a
  * copy or the area resize for a same-size conversion.
  */
 
@@ -362,12 +361,13 @@ HSEG_API MRESULT zevResize_Bilinear_YUVPlanarToGRAY(const uint8_t *y_plane, int3
  * fills them on first use and reuses them afterwards. Free both with
  * MMemFree (same `mem`) when done; a cache may then be zeroed and used again.
  *
- * The column table is built once, together with the kernel table, for the
- * first call's widths, and later calls reuse it as it is: a cache serves one
- * pair of sizes. A later call with a different width is still safe (every
- * tap is clamped to its row) but resamples with the first call's column
- * geometry; a later destination wider than the one the cache was built for
- * gives HSEG_ERR_BAD_ARGUMENT. Use one cache per size pair. */
+ * Fixed interface behaviour: the column table is built once, together with
+ * the kernel table, for the first call's widths, and later calls reuse it
+ * as it is: a cache serves one pair of sizes. A later call with a different
+ * width is still safe (every tap is clamped to its row) but resamples with
+ * the first call's column geometry; a later destination wider than the one
+ * the cache was built for gives HSEG_ERR_BAD_ARGUMENT. Use one cache per
+ * size pair. */
 typedef struct CubicCache {
   void *work;        /* row buffers and column table, sized for one width */
   int32_t *coef_tab; /* 1025 (near, far) weight pairs, see InitCubicCoeffTab */
@@ -407,8 +407,6 @@ HSEG_API MRESULT ImageResize_Cubic_C1(MHandle mem, const uint8_t *src, int32_t s
                                       int32_t src_height, int32_t src_pitch, uint8_t *dst,
                                       int32_t dst_width, int32_t dst_height, int32_t dst_pitch,
                                       CubicCache *cache);
-
-/* ---- end of nearest, bilinear and bicubic resizers ---- */
 
 #ifdef __cplusplus
 } /* extern "C" */

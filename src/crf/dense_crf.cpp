@@ -15,7 +15,7 @@
 namespace hseg {
 namespace crf {
 
-void normalize_reference(const float *t, float *q, float *sums, uint32_t N, uint32_t M) {
+void normalize_ref(const float *t, float *q, float *sums, uint32_t N, uint32_t M) {
   for (uint32_t i = 0; i < N; ++i) {
     const float *ti = t + static_cast<size_t>(i) * M;
     float *qi = q + static_cast<size_t>(i) * M;
@@ -78,7 +78,7 @@ void normalize(DenseCrf *crf, const float *t, float *q) {
   if (M == 2) {
     normalize_two_labels_sse2(t, q, N);
   } else {
-    normalize_reference(t, q, crf->pixel_scratch, N, M);
+    normalize_ref(t, q, crf->pixel_scratch, N, M);
   }
 }
 
@@ -263,7 +263,9 @@ MRESULT crf_inference(DenseCrf *crf, int32_t iterations, float relaxation) {
       ok = hseg::crf::lattice_filter_accumulate(&f.lattice, next, q, M, f.weight, f.norm,
                                                 crf->filter_scratch) == HSEG_OK;
     }
-    if (!ok) continue;  // a failed filtering leaves this iteration's marginals as they were
+    // Fixed interface behaviour: a failed filtering leaves this iteration's
+    // marginals as they were and is not reported.
+    if (!ok) continue;
     if (relaxation == 1.0f) {
       hseg::crf::normalize(crf, next, q);
     } else {

@@ -5,7 +5,7 @@
 // d + 1 lattice directions and sliced back with the same barycentric weights.
 //
 // Each step has a plain reference that follows the algorithm literally with
-// the sizes taken at run time (build_points_reference, the <0, 0> kernels),
+// the sizes taken at run time (build_points_ref, the <0, 0> kernels),
 // and a fast path: dimensions 2 and 5 fixed at compile time, inline rounding
 // and branch-free ranking, hash slots prefetched a block ahead, a point in
 // the previous point's simplex reusing its indices, and SSE2 kernels for two
@@ -74,10 +74,14 @@ void make_embedding(int d, Embedding *em) {
   }
 }
 
+// Which path a lattice build or filtering takes: the reference that follows
+// the algorithm literally, or the fast one that gives the same bits.
+enum class Path { kRef, kSpecialised };
+
 // roundf (half away from zero) of y, when |roundf(y)| <= limit; false
 // otherwise and for NaN. y - trunc(y) is exact (Sterbenz for |y| >= 1, y
 // itself below), so comparing it with 0.5 decides the rounding exactly.
-inline bool round_checked(float y, float limit, int32_t *out) {
+inline bool round_fast(float y, float limit, int32_t *out) {
   if (!(std::fabs(y) < limit + 0.5f)) return false;
   int32_t t = static_cast<int32_t>(y);
   const float frac = y - static_cast<float>(t);
@@ -86,17 +90,18 @@ inline bool round_checked(float y, float limit, int32_t *out) {
   return true;
 }
 
-// One point: elevation e, nearest remainder-0 point p, ranks, wrap, and the
-// barycentric weights b[0 .. d]. False when a coordinate leaves the key
-// range. kFast rounds inline and ranks without branches; the values are
-// the same either way.
-template <int kD, bool kFast>
-inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t *rank,
-                        float *b) {
+// The same result through std::round and a range check (which NaN fails).
+inline bool round_ref(float y, float limit, int32_t *out) {
+  const float qf = std::round(y);
+  if (!(std::fabs(qf) <= limit)) return false;
+  *out = static_cast<int32_t>(qf);
+  return true;
+}
+
+// Elevates the d features f into the d + 1 coordinates e of the hyperplane.
+template <int kD>
+inline void elevate(const Embedding &em, const float *f, float *e) {
   const int d = kD > 0 ? kD : em.d;
-  const int d1 = d + 1;
-  float e[kMaxDim + 1];
-  // Elevate into the d + 1 coordinates of the hyperplane.
   float sm = 0.0f;
   for (int j = d; j >= 1; --j) {
     const float cf = f[j - 1] * em.scale[j - 1];
@@ -104,44 +109,66 @@ inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t
     sm = sm + cf;
   }
   e[0] = sm;
-  // Nearest point whose coordinates are multiples of d + 1.
-  int32_t sum = 0;
+}
+
+// Nearest point p whose coordinates are multiples of d + 1, rounding each
+// e[i] / (d + 1) with kRound; *sum gets the sum of those quotients. False
+// when a coordinate leaves the key range.
+template <int kD, bool (*kRound)(float, float, int32_t *)>
+inline bool nearest_remainder0(const Embedding &em, const float *e, int32_t *p, int32_t *sum) {
+  const int d = kD > 0 ? kD : em.d;
+  *sum = 0;
   for (int i = 0; i <= d; ++i) {
     int32_t q;
-    if (kFast) {
-      if (!round_checked(e[i] * em.inv_d1, em.q_limit, &q)) return false;
-    } else {
-      const float qf = std::round(e[i] * em.inv_d1);
-      if (!(std::fabs(qf) <= em.q_limit)) return false;  // also NaN
-      q = static_cast<int32_t>(qf);
-    }
-    p[i] = q * d1;
-    sum += q;
+    if (!kRound(e[i] * em.inv_d1, em.q_limit, &q)) return false;
+    p[i] = q * (d + 1);
+    *sum += q;
   }
-  // Rank the remainders; on a tie the later coordinate ranks higher.
+  return true;
+}
+
+// Ranks of the remainders e - p; on a tie the later coordinate ranks higher.
+template <int kD>
+inline void rank_ref(const Embedding &em, const float *e, const int32_t *p, int32_t *rank) {
+  const int d = kD > 0 ? kD : em.d;
   for (int i = 0; i <= d; ++i) rank[i] = 0;
-  if (kFast) {
-    float rem[kMaxDim + 1];
-    for (int i = 0; i <= d; ++i) rem[i] = e[i] - static_cast<float>(p[i]);
-    for (int i = 0; i < d; ++i) {
-      for (int j = i + 1; j <= d; ++j) {
-        const int32_t lt = rem[i] < rem[j];
-        rank[i] += lt;
-        rank[j] += 1 - lt;
-      }
-    }
-  } else {
-    for (int i = 0; i < d; ++i) {
-      for (int j = i + 1; j <= d; ++j) {
-        if (e[i] - static_cast<float>(p[i]) < e[j] - static_cast<float>(p[j])) {
-          ++rank[i];
-        } else {
-          ++rank[j];
-        }
+  for (int i = 0; i < d; ++i) {
+    for (int j = i + 1; j <= d; ++j) {
+      if (e[i] - static_cast<float>(p[i]) < e[j] - static_cast<float>(p[j])) {
+        ++rank[i];
+      } else {
+        ++rank[j];
       }
     }
   }
-  // Bring the point onto the remainder-0 plane by wrapping the ranks.
+}
+
+// The same ranks with the remainders formed once and no branches.
+template <int kD>
+inline void rank_fast(const Embedding &em, const float *e, const int32_t *p, int32_t *rank) {
+  const int d = kD > 0 ? kD : em.d;
+  float rem[kMaxDim + 1];
+  for (int i = 0; i <= d; ++i) {
+    rank[i] = 0;
+    rem[i] = e[i] - static_cast<float>(p[i]);
+  }
+  for (int i = 0; i < d; ++i) {
+    for (int j = i + 1; j <= d; ++j) {
+      const int32_t lt = rem[i] < rem[j];
+      rank[i] += lt;
+      rank[j] += 1 - lt;
+    }
+  }
+}
+
+// Brings p onto the remainder-0 plane by wrapping the ranks, then writes the
+// barycentric weights b[0 .. d] of the simplex's d + 1 vertices (b[d + 1]
+// is scratch).
+template <int kD>
+inline void wrap_and_weigh(const Embedding &em, const float *e, int32_t sum, int32_t *p,
+                           int32_t *rank, float *b) {
+  const int d = kD > 0 ? kD : em.d;
+  const int d1 = d + 1;
   for (int i = 0; i <= d; ++i) {
     rank[i] += sum;
     if (rank[i] < 0) {
@@ -152,7 +179,6 @@ inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t
       p[i] -= d1;
     }
   }
-  // Barycentric weights of the d + 1 vertices (b[d + 1] is scratch).
   for (int i = 0; i <= d + 1; ++i) b[i] = 0.0f;
   for (int i = 0; i <= d; ++i) {
     const float v = (e[i] - static_cast<float>(p[i])) * em.inv_d1;
@@ -160,6 +186,25 @@ inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t
     b[d - rank[i] + 1] -= v;
   }
   b[0] += 1.0f + b[d + 1];
+}
+
+// One point: elevation, nearest remainder-0 point p, ranks, wrap, and the
+// barycentric weights b[0 .. d]. False when a coordinate leaves the key
+// range. The fast path rounds inline and ranks without branches; the values
+// are the same on either path.
+template <int kD, Path kPath>
+inline bool embed_point(const Embedding &em, const float *f, int32_t *p, int32_t *rank, float *b) {
+  float e[kMaxDim + 1];
+  int32_t sum = 0;
+  elevate<kD>(em, f, e);
+  if (kPath == Path::kSpecialised) {
+    if (!nearest_remainder0<kD, round_fast>(em, e, p, &sum)) return false;
+    rank_fast<kD>(em, e, p, rank);
+  } else {
+    if (!nearest_remainder0<kD, round_ref>(em, e, p, &sum)) return false;
+    rank_ref<kD>(em, e, p, rank);
+  }
+  wrap_and_weigh<kD>(em, e, sum, p, rank, b);
   return true;
 }
 
@@ -174,15 +219,15 @@ inline void vertex_key(const Embedding &em, const int32_t *p, const int32_t *ran
 
 // Reference: embed every point and look each vertex up, in point order.
 template <int kD>
-MRESULT build_points_reference(const Embedding &em, LatticeHash *table, const float *features,
-                               uint32_t N, uint32_t *offsets, float *weights) {
+MRESULT build_points_ref(const Embedding &em, LatticeHash *table, const float *features, uint32_t N,
+                         uint32_t *offsets, float *weights) {
   const int d = kD > 0 ? kD : em.d;
   int32_t p[kMaxDim + 1];
   int32_t rank[kMaxDim + 1];
   float b[kMaxDim + 2];
   int16_t key[kMaxDim];
   for (uint32_t k = 0; k < N; ++k) {
-    if (!embed_point<kD, false>(em, features + static_cast<size_t>(k) * d, p, rank, b)) {
+    if (!embed_point<kD, Path::kRef>(em, features + static_cast<size_t>(k) * d, p, rank, b)) {
       return HSEG_ERR_BAD_ARGUMENT;
     }
     uint32_t *off = offsets + static_cast<size_t>(k) * (d + 1);
@@ -226,7 +271,9 @@ MRESULT build_points_fast(const Embedding &em, LatticeHash *table, const float *
     const uint32_t n = N - k0 < kBlock ? N - k0 : kBlock;
     for (uint32_t t = 0; t < n; ++t) {
       const size_t k = static_cast<size_t>(k0) + t;
-      if (!embed_point<kD, true>(em, features + k * d, p, rank, b)) return HSEG_ERR_BAD_ARGUMENT;
+      if (!embed_point<kD, Path::kSpecialised>(em, features + k * d, p, rank, b)) {
+        return HSEG_ERR_BAD_ARGUMENT;
+      }
       float *w = weights + k * d1;
       for (int r = 0; r <= d; ++r) w[r] = b[r];
       bool eq = have_prev;
@@ -277,13 +324,13 @@ inline void neighbour_keys(const int16_t *key, int d_run, int j, int16_t *lo, in
 }
 
 // Neighbour table: for direction j and lattice point i, pair j*M+i holds the
-// indices of the minus and plus neighbours, 0xFFFFFFFF when absent. kFast
-// hashes a block of lattice points' neighbour keys ahead and prefetches
-// their slots; the lookups and their results are the same.
-template <int kD, bool kFast>
+// indices of the minus and plus neighbours, 0xFFFFFFFF when absent. The
+// fast path hashes a block of lattice points' neighbour keys ahead and
+// prefetches their slots; the lookups and their results are the same.
+template <int kD, Path kPath>
 MRESULT build_neighbours(LatticeHash *table, int d_run, uint32_t M, uint32_t *pairs) {
   constexpr int kDim = kD > 0 ? kD : kMaxDim;
-  constexpr uint32_t kAhead = kFast ? 4 : 1;
+  constexpr uint32_t kAhead = kPath == Path::kSpecialised ? 4 : 1;
   const int d = kD > 0 ? kD : d_run;
   int16_t keys[kAhead][kDim + 1][2][kDim];
   uint32_t hashes[kAhead][kDim + 1][2];
@@ -295,7 +342,7 @@ MRESULT build_neighbours(LatticeHash *table, int d_run, uint32_t M, uint32_t *pa
         neighbour_keys<kD>(key, d, j, keys[t][j][0], keys[t][j][1]);
         for (int s = 0; s < 2; ++s) {
           hashes[t][j][s] = hash_key<kD>(keys[t][j][s], static_cast<uint32_t>(d));
-          if (kFast) prefetch_slot(table, hashes[t][j][s]);
+          if (kPath == Path::kSpecialised) prefetch_slot(table, hashes[t][j][s]);
         }
       }
     }
@@ -313,7 +360,7 @@ MRESULT build_neighbours(LatticeHash *table, int d_run, uint32_t M, uint32_t *pa
   return HSEG_OK;
 }
 
-template <int kD, bool kFast>
+template <int kD, Path kPath>
 MRESULT build(MHandle handle, PermutohedralLattice *lat, const float *features, uint32_t d,
               uint32_t N) {
   if (lat == nullptr) return HSEG_ERR_NO_MEMORY;
@@ -340,8 +387,9 @@ MRESULT build(MHandle handle, PermutohedralLattice *lat, const float *features, 
   if (st == HSEG_OK) {
     Embedding em;
     make_embedding(static_cast<int>(d), &em);
-    st = kFast ? build_points_fast<kD>(em, &table, features, N, lat->offsets, lat->weights)
-               : build_points_reference<kD>(em, &table, features, N, lat->offsets, lat->weights);
+    st = kPath == Path::kSpecialised
+             ? build_points_fast<kD>(em, &table, features, N, lat->offsets, lat->weights)
+             : build_points_ref<kD>(em, &table, features, N, lat->offsets, lat->weights);
   }
   uint32_t M = 0;
   if (st == HSEG_OK) {
@@ -351,7 +399,7 @@ MRESULT build(MHandle handle, PermutohedralLattice *lat, const float *features, 
     st = lat->neighbours ? HSEG_OK : HSEG_ERR_NO_MEMORY;
   }
   if (st == HSEG_OK) {
-    st = build_neighbours<kD, kFast>(&table, static_cast<int>(d), M, lat->neighbours);
+    st = build_neighbours<kD, kPath>(&table, static_cast<int>(d), M, lat->neighbours);
   }
   phash_release(&table);
   if (st != HSEG_OK) {
@@ -646,12 +694,12 @@ struct Accumulation {
 
 // Checks the arguments, splats `in` into a zeroed value buffer, blurs it and
 // slices into `out`: written when acc is null, else accumulated as acc says.
-// `plain` picks the generic kernels over the ones specialised for the
-// lattice's dimension and vd. The value buffers are `scratch` when it is not
-// null, else allocated and freed on every path.
-MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const float *in,
-               uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
-               int32_t out_size, const Accumulation *acc, float *scratch = nullptr) {
+// The reference path runs the kernels with every size taken at run time,
+// the fast one those specialised for the lattice's dimension and vd. The value buffers are
+// `scratch` when it is not null, else allocated and freed on every path.
+MRESULT filter(Path path, const PermutohedralLattice *lat, float *out, const float *in, uint32_t vd,
+               uint32_t in_offset, uint32_t out_offset, int32_t in_size, int32_t out_size,
+               const Accumulation *acc, float *scratch = nullptr) {
   int32_t bytes = 0;
   MRESULT st = check_compute(lat, out, in, vd, in_offset, out_offset, &in_size, &out_size, &bytes);
   if (st != HSEG_OK) return st;
@@ -660,7 +708,7 @@ MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const fl
   st = take_buffers(lat->handle, bytes, scratch, &a, &b);
   if (st != HSEG_OK) return st;
   const Geometry g = geometry_of(lat);
-  const Kernels kern = plain ? kernels_for<0, 0>() : select_kernels(g.d1, vd);
+  const Kernels kern = path == Path::kRef ? kernels_for<0, 0>() : select_kernels(g.d1, vd);
   kern.splat(g, a, in, vd, in_offset, static_cast<uint32_t>(in_size));
   const float *res = kern.blur(g, a, b, vd);
   if (acc == nullptr) {
@@ -677,15 +725,16 @@ MRESULT filter(bool plain, const PermutohedralLattice *lat, float *out, const fl
 
 }  // namespace
 
-MRESULT lattice_init_reference(MHandle handle, PermutohedralLattice *lattice,
-                               const float *features, uint32_t d, uint32_t N) {
-  return build<0, false>(handle, lattice, features, d, N);
+MRESULT lattice_init_ref(MHandle handle, PermutohedralLattice *lattice, const float *features,
+                         uint32_t d, uint32_t N) {
+  return build<0, Path::kRef>(handle, lattice, features, d, N);
 }
 
-MRESULT lattice_compute_reference(const PermutohedralLattice *lattice, float *out,
-                                  const float *in, uint32_t vd, uint32_t in_offset,
-                                  uint32_t out_offset, int32_t in_size, int32_t out_size) {
-  return filter(true, lattice, out, in, vd, in_offset, out_offset, in_size, out_size, nullptr);
+MRESULT lattice_compute_ref(const PermutohedralLattice *lattice, float *out, const float *in,
+                            uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
+                            int32_t out_size) {
+  return filter(Path::kRef, lattice, out, in, vd, in_offset, out_offset, in_size, out_size,
+                nullptr);
 }
 
 int64_t lattice_buffer_floats(const PermutohedralLattice *lat, uint32_t vd) {
@@ -701,7 +750,7 @@ MRESULT lattice_filter_accumulate(const PermutohedralLattice *lat, float *out, c
                                   uint32_t vd, float weight, const float *norm, float *buffers) {
   if (norm == nullptr) return HSEG_ERR_BAD_ARGUMENT;
   const Accumulation acc{weight, norm};
-  return filter(false, lat, out, in, vd, 0, 0, -1, -1, &acc, buffers);
+  return filter(Path::kSpecialised, lat, out, in, vd, 0, 0, -1, -1, &acc, buffers);
 }
 
 }  // namespace crf
@@ -712,16 +761,17 @@ extern "C" {
 MRESULT permhd_init(MHandle handle, PermutohedralLattice *lattice, const float *features,
                     uint32_t d, uint32_t N) {
   using hseg::crf::build;
-  if (d == 2) return build<2, true>(handle, lattice, features, d, N);
-  if (d == 5) return build<5, true>(handle, lattice, features, d, N);
-  return build<0, true>(handle, lattice, features, d, N);
+  using hseg::crf::Path;
+  if (d == 2) return build<2, Path::kSpecialised>(handle, lattice, features, d, N);
+  if (d == 5) return build<5, Path::kSpecialised>(handle, lattice, features, d, N);
+  return build<0, Path::kSpecialised>(handle, lattice, features, d, N);
 }
 
 MRESULT permhd_compute(const PermutohedralLattice *lattice, float *out, const float *in,
                        uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
                        int32_t out_size) {
-  return hseg::crf::filter(false, lattice, out, in, vd, in_offset, out_offset, in_size,
-                           out_size, nullptr);
+  return hseg::crf::filter(hseg::crf::Path::kSpecialised, lattice, out, in, vd, in_offset,
+                           out_offset, in_size, out_size, nullptr);
 }
 
 MRESULT permhd_release(PermutohedralLattice *lattice) {

@@ -15,13 +15,13 @@ namespace crf {
 
 // permhd_init without the specialised dimensions and without reusing the
 // previous point's lattice indices.
-MRESULT lattice_init_reference(MHandle handle, PermutohedralLattice *lattice,
-                               const float *features, uint32_t d, uint32_t N);
+MRESULT lattice_init_ref(MHandle handle, PermutohedralLattice *lattice, const float *features,
+                         uint32_t d, uint32_t N);
 
 // permhd_compute with the plain loops.
-MRESULT lattice_compute_reference(const PermutohedralLattice *lattice, float *out,
-                                  const float *in, uint32_t vd, uint32_t in_offset,
-                                  uint32_t out_offset, int32_t in_size, int32_t out_size);
+MRESULT lattice_compute_ref(const PermutohedralLattice *lattice, float *out, const float *in,
+                            uint32_t vd, uint32_t in_offset, uint32_t out_offset, int32_t in_size,
+                            int32_t out_size);
 
 // Floats of the two value buffers that filtering vd values per point over
 // `lattice` works in: 2 * (M + 2) * vd. -1 when the lattice is not built or

@@ -85,6 +85,145 @@ void lift_plane(const float *plane, uint32_t sw, int64_t step_x, int64_t step_y,
   }
 }
 
+// Argument checks of DCR_Upsampling2.
+MRESULT check_upsampling(const OffscreenImage *guide, const UpsamplingParams *params,
+                         const float *scores, uint32_t sw, int32_t sh,
+                         const OffscreenImage *output) {
+  if (guide == nullptr || params == nullptr || scores == nullptr || output == nullptr) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  MRESULT st = check_guide(guide);
+  if (st != HSEG_OK) return st;
+  const int32_t W = guide->width;
+  const int32_t H = guide->height;
+  if (output->planes[0] == nullptr || output->width != W || output->height != H ||
+      output->pitches[0] < W) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  if (output->format != HSEG_PIXFMT_GRAY) return HSEG_ERR_FORMAT;
+  // The lift only enlarges: from a coarse grid wider or taller than the
+  // guide its steps would skip coarse columns or rows and read only the
+  // first ones. The coarse planes plus one spare row and one value, 2*sw*sh
+  // + sw + 1 floats, must fit a 32-bit byte count.
+  if (sw < 1 || sh < 1 || sw > static_cast<uint32_t>(W) || sh > H ||
+      !hseg::mul2_i32_valid(static_cast<int64_t>(sw) * 2, sh) ||
+      !hseg::mad3_i32_valid(static_cast<int64_t>(sw) * 2 * sh + sw + 1, 4, 0)) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  // Every sample, the +1 neighbours included, must lie inside the planes and
+  // the spare row: x0 + 1 <= sw and y0 + 1 <= sh at the last output column
+  // and row. Only absurd coarse sizes, where the single-precision step
+  // rounds up past the exact ratio, break this.
+  const int64_t step_x = lift_step(sw, W);
+  const int64_t step_y = lift_step(static_cast<uint32_t>(sh), H);
+  if ((lift_position(W - 1, step_x, W) >> 8) + 1 > static_cast<int64_t>(sw) ||
+      (lift_position(H - 1, step_y, H) >> 8) + 1 > sh) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  return HSEG_OK;
+}
+
+// Argument checks of DCR_DepthRefine: a BGR guide, and label, confidence and
+// output planes of its size in GRAY.
+MRESULT check_refine(const UpsamplingParams *params, const OffscreenImage *guide,
+                     const OffscreenImage *labels, const OffscreenImage *confidence,
+                     const OffscreenImage *output) {
+  if (params == nullptr || guide == nullptr || labels == nullptr || confidence == nullptr ||
+      output == nullptr) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
+  MRESULT st = check_guide(guide);
+  if (st != HSEG_OK) return st;
+  const OffscreenImage *planes[3] = {labels, confidence, output};
+  for (const OffscreenImage *p : planes) {
+    if (p->planes[0] == nullptr || p->width != guide->width || p->height != guide->height) {
+      return HSEG_ERR_BAD_ARGUMENT;
+    }
+  }
+  for (const OffscreenImage *p : planes) {
+    if (p->format != HSEG_PIXFMT_GRAY) return HSEG_ERR_FORMAT;
+  }
+  return hseg::mul2_i32_valid(guide->width, guide->height) ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
+}
+
+// The label values present in an image, numbered densely in increasing
+// value order, and back.
+struct LabelMap {
+  uint8_t index_of[256];
+  uint8_t value_of[256];
+  uint32_t count;
+};
+
+uint32_t compact_labels(const uint8_t *lab, size_t n, LabelMap *map) {
+  bool present[256] = {false};
+  for (size_t k = 0; k < n; ++k) present[lab[k]] = true;
+  std::memset(map, 0, sizeof *map);
+  for (uint32_t v = 0; v < 256; ++v) {
+    if (!present[v]) continue;
+    map->index_of[v] = static_cast<uint8_t>(map->count);
+    map->value_of[map->count] = static_cast<uint8_t>(v);
+    ++map->count;
+  }
+  return map->count;
+}
+
+// Unary of a labelled pixel with confidence c = conf / 255 (at least 1/12):
+// -ln(c) for its own label, -ln((1 - c) / (M - 1)) for each other one.
+void confidence_unary(const uint8_t *lab, const uint8_t *conf, size_t n, const LabelMap &map,
+                      float *unary) {
+  const uint32_t M = map.count;
+  const float others = static_cast<float>(M - 1);
+  for (size_t k = 0; k < n; ++k) {
+    float c = static_cast<float>(conf[k]) / 255.0f;
+    float r;
+    if (c < 0.083333336f) {  // 1 / 12
+      c = 0.083333336f;
+      r = 0.9166667f;  // 11 / 12
+    } else {
+      r = 1.0f - c;
+    }
+    r = r / others;
+    const float u_other = static_cast<float>(-std::log(static_cast<double>(r)));
+    float *u = unary + k * M;
+    for (uint32_t l = 0; l < M; ++l) u[l] = u_other;
+    u[map.index_of[lab[k]]] = static_cast<float>(-std::log(static_cast<double>(c)));
+  }
+}
+
+// The smoothness and appearance potentials of `params` on the guide's
+// pixels; with skip_unweighted a potential whose weight is not positive is
+// left out.
+MRESULT add_pairwise(DenseCrf *crf, const OffscreenImage *guide, const UpsamplingParams *params,
+                     bool skip_unweighted) {
+  MRESULT st = HSEG_OK;
+  if (!skip_unweighted || params->smooth_weight > 0.0f) {
+    st = crf_add_gaussian_potts(crf, params->smooth_sx, params->smooth_sy, params->smooth_weight);
+  }
+  if (st == HSEG_OK && (!skip_unweighted || params->appear_weight > 0.0f)) {
+    st = crf_add_bilateral_potts(crf, guide->planes[0], guide->pitches[0], params->appear_sx,
+                                 params->appear_sy, params->colour_s0, params->colour_s1,
+                                 params->colour_s2, params->appear_weight);
+  }
+  return st;
+}
+
+// Mean-field inference, then each pixel's most likely label index into the
+// pixel_count bytes of `labels`.
+MRESULT infer_labels(DenseCrf *crf, int32_t iterations, float relaxation, uint8_t *labels) {
+  const MRESULT st = crf_inference(crf, iterations, relaxation);
+  return st == HSEG_OK ? crf_map2du(crf, labels, nullptr) : st;
+}
+
+// Label 1 (person) becomes 255, label 0 stays 0, row by row into the mask.
+void write_mask(uint8_t *labels, int32_t W, int32_t H, OffscreenImage *output) {
+  const size_t n = static_cast<size_t>(W) * H;
+  for (size_t k = 0; k < n; ++k) labels[k] = static_cast<uint8_t>(-labels[k]);
+  for (int32_t r = 0; r < H; ++r) {
+    std::memcpy(output->planes[0] + static_cast<size_t>(r) * output->pitches[0],
+                labels + static_cast<size_t>(r) * W, static_cast<size_t>(W));
+  }
+}
+
 }  // namespace
 
 namespace hseg {
@@ -131,39 +270,12 @@ UpsamplingParams *ParamUpsampling2(UpsamplingParams *params) {
 MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
                         const UpsamplingParams *params, const float *scores, uint32_t sw,
                         int32_t sh, OffscreenImage *output) {
-  if (guide == nullptr || params == nullptr || scores == nullptr || output == nullptr) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
-  MRESULT st = check_guide(guide);
+  MRESULT st = check_upsampling(guide, params, scores, sw, sh, output);
   if (st != HSEG_OK) return st;
   const int32_t W = guide->width;
   const int32_t H = guide->height;
-  if (output->planes[0] == nullptr || output->width != W || output->height != H ||
-      output->pitches[0] < W) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
-  if (output->format != HSEG_PIXFMT_GRAY) return HSEG_ERR_FORMAT;
-  // The lift only enlarges: from a coarse grid wider or taller than the
-  // guide its steps would skip coarse columns or rows and read only the
-  // first ones. The coarse planes plus one spare row and one value, 2*sw*sh
-  // + sw + 1 floats, must fit a 32-bit byte count.
-  if (sw < 1 || sh < 1 || sw > static_cast<uint32_t>(W) || sh > H ||
-      !hseg::mul2_i32_valid(static_cast<int64_t>(sw) * 2, sh) ||
-      !hseg::mad3_i32_valid(static_cast<int64_t>(sw) * 2 * sh + sw + 1, 4, 0)) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
   const size_t plane = static_cast<size_t>(sw) * static_cast<size_t>(sh);
   const int32_t scratch_bytes = static_cast<int32_t>((2 * plane + sw + 1) * 4);
-  // Every sample, the +1 neighbours included, must lie inside the planes and
-  // the spare row: x0 + 1 <= sw and y0 + 1 <= sh at the last output column
-  // and row. Only absurd coarse sizes, where the single-precision step
-  // rounds up past the exact ratio, break this.
-  const int64_t step_x = lift_step(sw, W);
-  const int64_t step_y = lift_step(static_cast<uint32_t>(sh), H);
-  if ((lift_position(W - 1, step_x, W) >> 8) + 1 > static_cast<int64_t>(sw) ||
-      (lift_position(H - 1, step_y, H) >> 8) + 1 > sh) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
 
   DenseCrf crf;
   st = crf_init2d(handle, &crf, W, static_cast<uint32_t>(H), kLabels);
@@ -179,25 +291,10 @@ MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
     crf_release(&crf);
     return HSEG_ERR_NO_MEMORY;
   }
-
   hseg::crf::lift_unary(scores, sw, sh, W, H, coarse, crf.unary);
-  st = crf_add_gaussian_potts(&crf, params->smooth_sx, params->smooth_sy, params->smooth_weight);
-  if (st == HSEG_OK) {
-    st = crf_add_bilateral_potts(&crf, guide->planes[0], guide->pitches[0], params->appear_sx,
-                                 params->appear_sy, params->colour_s0, params->colour_s1,
-                                 params->colour_s2, params->appear_weight);
-  }
-  if (st == HSEG_OK) st = crf_inference(&crf, params->iterations, params->relaxation);
-  if (st == HSEG_OK) st = crf_map2du(&crf, labels, nullptr);
-  if (st == HSEG_OK) {
-    // Label 1 (person) becomes 255, label 0 stays 0.
-    const size_t n = static_cast<size_t>(W) * H;
-    for (size_t k = 0; k < n; ++k) labels[k] = static_cast<uint8_t>(-labels[k]);
-    for (int32_t r = 0; r < H; ++r) {
-      std::memcpy(output->planes[0] + static_cast<size_t>(r) * output->pitches[0],
-                  labels + static_cast<size_t>(r) * W, static_cast<size_t>(W));
-    }
-  }
+  st = add_pairwise(&crf, guide, params, /*skip_unweighted=*/false);
+  if (st == HSEG_OK) st = infer_labels(&crf, params->iterations, params->relaxation, labels);
+  if (st == HSEG_OK) write_mask(labels, W, H, output);
   MMemFree(handle, coarse);
   MMemFree(handle, labels);
   crf_release(&crf);
@@ -207,80 +304,31 @@ MRESULT DCR_Upsampling2(MHandle handle, const OffscreenImage *guide,
 MRESULT DCR_DepthRefine(MHandle handle, const UpsamplingParams *params,
                         const OffscreenImage *guide, const OffscreenImage *labels,
                         const OffscreenImage *confidence, OffscreenImage *output) {
-  (void)handle;  // the CRF of this entry uses the default memory context
-  if (params == nullptr || guide == nullptr || labels == nullptr || confidence == nullptr ||
-      output == nullptr) {
-    return HSEG_ERR_BAD_ARGUMENT;
-  }
-  MRESULT st = check_guide(guide);
+  // Fixed interface behaviour: `handle` is not used; the CRF of this entry
+  // takes its memory from the default context.
+  (void)handle;
+  MRESULT st = check_refine(params, guide, labels, confidence, output);
   if (st != HSEG_OK) return st;
   const int32_t W = guide->width;
   const int32_t H = guide->height;
-  const OffscreenImage *planes[3] = {labels, confidence, output};
-  for (const OffscreenImage *p : planes) {
-    if (p->planes[0] == nullptr || p->width != W || p->height != H) return HSEG_ERR_BAD_ARGUMENT;
-  }
-  for (const OffscreenImage *p : planes) {
-    if (p->format != HSEG_PIXFMT_GRAY) return HSEG_ERR_FORMAT;
-  }
-  if (!hseg::mul2_i32_valid(W, H)) return HSEG_ERR_BAD_ARGUMENT;
   const size_t n = static_cast<size_t>(W) * H;
-
-  // Dense label indices in increasing value order, and back.
+  LabelMap map;
   const uint8_t *lab = labels->planes[0];
-  uint32_t histogram[256] = {0};
-  for (size_t k = 0; k < n; ++k) histogram[lab[k]] = 1;
-  uint8_t index_of[256] = {0};
-  uint8_t value_of[256] = {0};
-  uint32_t M = 0;
-  for (uint32_t v = 0; v < 256; ++v) {
-    if (histogram[v] == 0) continue;
-    index_of[v] = static_cast<uint8_t>(M);
-    value_of[M] = static_cast<uint8_t>(v);
-    ++M;
-  }
   // The other labels share 1 - c; with one label there is nothing to share.
-  if (M < 2) return HSEG_ERR_BAD_ARGUMENT;
+  if (compact_labels(lab, n, &map) < 2) return HSEG_ERR_BAD_ARGUMENT;
 
   DenseCrf crf;
-  st = crf_init2d(nullptr, &crf, W, static_cast<uint32_t>(H), M);
+  st = crf_init2d(nullptr, &crf, W, static_cast<uint32_t>(H), map.count);
   if (st != HSEG_OK) {
     crf_release(&crf);
     return st;
   }
-  const uint8_t *conf = confidence->planes[0];
-  const float others = static_cast<float>(M - 1);
-  for (size_t k = 0; k < n; ++k) {
-    float c = static_cast<float>(conf[k]) / 255.0f;
-    float r;
-    if (c < 0.083333336f) {  // 1 / 12
-      c = 0.083333336f;
-      r = 0.9166667f;        // 11 / 12
-    } else {
-      r = 1.0f - c;
-    }
-    r = r / others;
-    const float u_other = static_cast<float>(-std::log(static_cast<double>(r)));
-    float *u = crf.unary + k * M;
-    for (uint32_t l = 0; l < M; ++l) u[l] = u_other;
-    u[index_of[lab[k]]] = static_cast<float>(-std::log(static_cast<double>(c)));
-  }
-  if (params->smooth_weight > 0.0f) {
-    st = crf_add_gaussian_potts(&crf, params->smooth_sx, params->smooth_sy,
-                                params->smooth_weight);
-  }
-  if (st == HSEG_OK && params->appear_weight > 0.0f) {
-    st = crf_add_bilateral_potts(&crf, guide->planes[0], guide->pitches[0], params->appear_sx,
-                                 params->appear_sy, params->colour_s0, params->colour_s1,
-                                 params->colour_s2, params->appear_weight);
-  }
-  if (st == HSEG_OK) st = crf_inference(&crf, 10, 1.0f);
+  confidence_unary(lab, confidence->planes[0], n, map, crf.unary);
+  st = add_pairwise(&crf, guide, params, /*skip_unweighted=*/true);
+  uint8_t *out = output->planes[0];
+  if (st == HSEG_OK) st = infer_labels(&crf, 10, 1.0f, out);
   if (st == HSEG_OK) {
-    uint8_t *out = output->planes[0];
-    st = crf_map2du(&crf, out, nullptr);
-    if (st == HSEG_OK) {
-      for (size_t k = 0; k < n; ++k) out[k] = value_of[out[k]];
-    }
+    for (size_t k = 0; k < n; ++k) out[k] = map.value_of[out[k]];
   }
   crf_release(&crf);
   return st;

@@ -13,6 +13,7 @@
 namespace hseg {
 namespace flatnn {
 
+// Fixed interface behaviour: the layers' statuses are 64 bits wide.
 constexpr uint64_t kOk = 0;
 constexpr uint64_t kBadArgument = 2;
 constexpr uint64_t kNoMemory = 4;

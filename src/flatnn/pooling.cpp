@@ -114,6 +114,7 @@ InterpWindow interp_window(int height_in, int width_in, int pad_beg, int pad_end
 }
 
 // The two window checks, which abort with these exact texts and lines.
+// Fixed interface behaviour: callers may rely on the abort and its texts.
 void check_interp_window(const InterpWindow &w, int height_out, int width_out) {
   const int64_t x2 = 0, y2 = 0, height2 = height_out, width2 = width_out;
   const int64_t Height2 = height_out, Width2 = width_out;

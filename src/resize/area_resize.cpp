@@ -33,7 +33,9 @@ struct PlaneRows : FullShape {
 
 struct BgrRows : Reader<HSEG_PIXFMT_BGR24, 3>, PlaneRows {
   using PlaneRows::PlaneRows;
-  static int64_t src_end(int32_t width) { return bgr_row_bytes(width) - 2; }
+  static int64_t src_end(int32_t width) {
+    return pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, width) - 2;
+  }
   auto sampler() const {
     return [row = p](int32_t o, uint32_t *s) { sample_bgr(row, o, s); };
   }
@@ -82,7 +84,7 @@ struct FullGrid {
 
 }  // namespace
 
-MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
+MRESULT resize_to_bgr_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
   return resize_on<Walk::kPlain, FullGrid>(mem, src, dst);
 }
 

@@ -47,7 +47,9 @@ struct PlanePairs {
 // The top-left pixel of each block; the odd rows are not read.
 struct BgrBlocks : Reader<HSEG_PIXFMT_BGR24, 6>, PlanePairs {
   using PlanePairs::PlanePairs;
-  static int64_t src_end(int32_t width) { return bgr_row_bytes(width) - 2; }
+  static int64_t src_end(int32_t width) {
+    return pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, width) - 2;
+  }
   static WalkShape shape(int32_t h, int32_t dh) {
     return {half_visits(h), bgr_half_step(h, dh), h % 2 == 1};
   }
@@ -73,7 +75,9 @@ inline uint32_t load_group(const uint8_t *g) {
 struct Yuy2Blocks : Reader<HSEG_PIXFMT_YUY2, 4, uint32_t>, PlanePairs {
   using PlanePairs::PlanePairs;
   // A block reads a whole 4-byte group at its offset.
-  static int64_t src_end(int32_t width) { return yuy2_row_bytes(width) - 3; }
+  static int64_t src_end(int32_t width) {
+    return pixfmt::row_bytes(HSEG_PIXFMT_YUY2, 0, width) - 3;
+  }
   static WalkShape shape(int32_t h, int32_t dh) {
     return {half_visits(h), yuv_half_step(h, dh), true};
   }
@@ -121,7 +125,7 @@ struct HalfGrid {
 
 }  // namespace
 
-MRESULT resize_to_bgr_sp_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
+MRESULT resize_to_bgr_sp_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst) {
   return resize_on<Walk::kPlain, HalfGrid>(mem, src, dst);
 }
 

@@ -26,6 +26,12 @@ int32_t walk_floor(float v) {
 // covers at least one sample of its grid), so the cast cannot overflow.
 uint32_t weight_q14(float v) { return static_cast<uint32_t>(2.0f * v * 16384.0f + 1.0f) >> 1; }
 
+// The source formats the area resize reads.
+bool area_reads(uint32_t format) {
+  return format == HSEG_PIXFMT_BGR24 || format == HSEG_PIXFMT_YUY2 || format == HSEG_PIXFMT_NV21 ||
+         format == HSEG_PIXFMT_I420;
+}
+
 }  // namespace
 
 MRESULT build_column_table(const TableGeometry &g, int32_t dst_width, LumResizeEntry *table,
@@ -86,36 +92,24 @@ WorkBlock split_work_block(void *block, int32_t dst_width) {
 }
 
 bool source_planes_ok(uint32_t format, const SourcePlanes &src, int64_t width) {
-  switch (format) {
-    case HSEG_PIXFMT_BGR24:
-      return plane_ok(src.plane[0], src.pitch[0], bgr_row_bytes(width));
-    case HSEG_PIXFMT_YUY2:
-      return plane_ok(src.plane[0], src.pitch[0], yuy2_row_bytes(width));
-    case HSEG_PIXFMT_NV21:
-      return plane_ok(src.plane[0], src.pitch[0], luma_row_bytes(width)) &&
-             plane_ok(src.plane[1], src.pitch[1], nv21_chroma_row_bytes(width));
-    case HSEG_PIXFMT_I420:
-      // Both chroma planes are stepped with pitch 1.
-      return plane_ok(src.plane[0], src.pitch[0], luma_row_bytes(width)) &&
-             plane_ok(src.plane[1], src.pitch[1], i420_chroma_row_bytes(width)) &&
-             src.plane[2] != nullptr;
-    default:
+  if (!area_reads(format)) return false;
+  const int planes = pixfmt::plane_count(format);
+  for (int p = 0; p < planes; ++p) {
+    if (!plane_ok(src.plane[p], src.pitch[p < 1 ? 0 : 1], pixfmt::row_bytes(format, p, width))) {
       return false;
+    }
   }
+  return true;
 }
 
 MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) {
   if (src == nullptr || dst == nullptr) return HSEG_ERR_BAD_ARGUMENT;
-  const uint32_t f = src->format;
-  if (f != HSEG_PIXFMT_BGR24 && f != HSEG_PIXFMT_YUY2 && f != HSEG_PIXFMT_NV21 &&
-      f != HSEG_PIXFMT_I420) {
-    return HSEG_ERR_FORMAT;
-  }
+  if (!area_reads(src->format)) return HSEG_ERR_FORMAT;
   if (src->width < 1 || src->height < 1 || dst->width < 1 || dst->height < 1) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
-  if (!source_planes_ok(f, planes_of(*src), src->width) ||
-      !plane_ok(dst->planes[0], dst->pitches[0], bgr_row_bytes(dst->width))) {
+  if (!pixfmt::planes_ok(*src) || !plane_ok(dst->planes[0], dst->pitches[0],
+                                            pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, dst->width))) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
   return HSEG_OK;
@@ -167,7 +161,9 @@ MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenI
 MRESULT check_worker(const WorkerCall &c, int32_t expected_src_step, const void *acc0,
                      const void *acc1, int64_t src_end) {
   if (c.src_width < 1 || c.dst_width < 1 || c.dst_height < 1) return HSEG_ERR_BAD_ARGUMENT;
-  if (!plane_ok(c.dst, c.dst_pitch, bgr_row_bytes(c.dst_width))) return HSEG_ERR_BAD_ARGUMENT;
+  if (!plane_ok(c.dst, c.dst_pitch, pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, c.dst_width))) {
+    return HSEG_ERR_BAD_ARGUMENT;
+  }
   if (c.src_step != expected_src_step || c.dst_step != 3) return HSEG_ERR_BAD_ARGUMENT;
   if (acc0 == nullptr || acc1 == nullptr || c.entries < 0) return HSEG_ERR_BAD_ARGUMENT;
   if (c.entries > 0 && c.table == nullptr) return HSEG_ERR_BAD_ARGUMENT;

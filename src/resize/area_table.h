@@ -5,17 +5,11 @@
 
 #include <cstdint>
 
+#include "common/pixfmt.h"
 #include "hseg/resize.h"
 
 namespace hseg {
 namespace area {
-
-// Bytes that one row of each plane must hold for a width of w pixels.
-inline int64_t bgr_row_bytes(int64_t w) { return 3 * w; }
-inline int64_t yuy2_row_bytes(int64_t w) { return 4 * ((w + 1) / 2); }  // whole Y0 U Y1 V groups
-inline int64_t luma_row_bytes(int64_t w) { return w; }
-inline int64_t nv21_chroma_row_bytes(int64_t w) { return 2 * ((w + 1) / 2); }  // V,U pairs
-inline int64_t i420_chroma_row_bytes(int64_t w) { return (w + 1) / 2; }
 
 // Horizontal geometry of one call. A footprint that starts at or past
 // `limit` (the source width), or ends in a partial column there, is refused;
@@ -54,11 +48,15 @@ WorkBlock split_work_block(void *block, int32_t dst_width);
 // Checks the two descriptors of an entry point. Returns HSEG_ERR_BAD_ARGUMENT
 // for a null descriptor, HSEG_ERR_FORMAT for a source format that the area
 // resize does not read, HSEG_ERR_BAD_ARGUMENT for a size below 1, a null
-// plane that the format reads or a pitch smaller than a row; HSEG_OK else.
+// plane of the format or a pitch smaller than a row of its plane (I420's
+// pitch 2 included, although V is stepped with pitch 1); HSEG_OK else.
 MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst);
 
 // The source planes as the workers read them: plane 0 with pitch 0, plane 1
 // with pitch 1, and I420's V (plane 2) stepped with pitch 1 as well.
+// Fixed interface behaviour: the I420 workers take one chroma pitch, so V is
+// always stepped with U's pitch; callers give both chroma planes the same
+// pitch.
 struct SourcePlanes {
   const uint8_t *plane[3];
   int32_t pitch[2];
@@ -69,9 +67,9 @@ inline SourcePlanes planes_of(const OffscreenImage &img) {
                       {img.pitches[0], img.pitches[1]}};
 }
 
-// True when every plane that `format` reads is non-null and its pitch holds
-// a row of `width` pixels; false also for a format the area resize does not
-// read.
+// True when every plane of `format` is non-null and the pitch it is stepped
+// with holds a row of `width` pixels; false also for a format the area
+// resize does not read.
 bool source_planes_ok(uint32_t format, const SourcePlanes &src, int64_t width);
 
 // What every worker gets from its caller apart from the source planes and
@@ -115,10 +113,10 @@ bool fixed_point_serves(const OffscreenImage &src, const OffscreenImage &dst, bo
 MRESULT run_area_resize(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst,
                         bool half, Dispatch fixed_point, Dispatch exact);
 
-// LumResizeToBGR and LumResizeToBGR_SP with every worker on the plain walk:
+// LumResizeToBGR and LumResizeToBGR_SP with every worker on the reference walk:
 // the reference for the fused one.
-MRESULT resize_to_bgr_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
-MRESULT resize_to_bgr_sp_plain(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
+MRESULT resize_to_bgr_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
+MRESULT resize_to_bgr_sp_ref(MHandle mem, const OffscreenImage *src, const OffscreenImage *dst);
 
 // A plane is usable when it is non-null and its pitch holds a row.
 inline bool plane_ok(const uint8_t *plane, int32_t pitch, int64_t row_bytes) {

@@ -81,7 +81,7 @@ inline void fill_unwritten_rows(const Dest &d, int32_t written) {
 //
 // Plain form: every entry adds to its accumulator triple.
 template <typename Acc, typename Sample>
-void add_entries_plain(const LumResizeEntry *t, int32_t n, Acc *acc, const Sample &sample) {
+void add_entries_ref(const LumResizeEntry *t, int32_t n, Acc *acc, const Sample &sample) {
   for (int32_t i = 0; i < n; ++i) {
     uint32_t s[3];
     sample(t[i].src_offset, s);
@@ -141,7 +141,7 @@ void area_walk(Rows &rows, const LumResizeEntry *table, int32_t entries, const S
     const bool closes = limit <= end || (shape.close_last && v == shape.visits - 1);
     const uint64_t f = end > limit ? static_cast<uint64_t>(end - limit) : 0;
     if constexpr (kWalk == Walk::kPlain) {
-      add_entries_plain(table, entries, row, rows.sampler());
+      add_entries_ref(table, entries, row, rows.sampler());
       if (!closes) {  // the whole visit lies inside row dy
         for (int32_t i = 0; i < n; ++i) {
           carry[i] += row[i];

@@ -104,6 +104,8 @@ Image *cloneimg(MHandle handle, const Image *src) {
   return img;
 }
 
+// Fixed interface behaviour: the names createimg_pesudo and
+// release_img_pesudo keep their spelling.
 Image *createimg_pesudo(MHandle handle, uint8_t *buffer, uint32_t width, uint32_t height,
                         uint32_t depth, uint32_t channels, uint32_t pitch) {
   if (!hseg::mul2_size_valid(height, pitch) || uint64_t{height} * pitch > UINT32_MAX)
