@@ -14,11 +14,11 @@ using Resize = MRESULT (*)(MHandle, const OffscreenImage *, const OffscreenImage
 const uint32_t kFormats[] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_NV21,
                              HSEG_PIXFMT_I420};
 
-// Both I420 chroma planes are stepped with pitch 1: pitch 2 is made larger
-// to show that it never steps a row.
+// Both I420 chroma planes are stepped with pitch 1: pitch 2 is spoiled to
+// show that it is neither read nor checked.
 Frame describe(const Picture &p, uint32_t format, int pad) {
   Frame f = make_frame(p, format, pad, pad);
-  f.d.pitches[2] = 9999;
+  f.d.pitches[2] = -1;
   return f;
 }
 
@@ -270,10 +270,10 @@ TEST(AreaResize, RefusesBadArgumentsAndEnlargementWithoutWorking) {
       {"null source plane", [](auto &s, auto &) { s.planes[0] = nullptr; }, 2},
       {"null destination", [](auto &, auto &d) { d.planes[0] = nullptr; }, 2},
       {"short source pitch", [](auto &s, auto &) { s.pitches[0] -= 5; }, 2},
-      {"last plane's pitch a byte short (I420: V, although stepped with U's)",
+      {"last pitch a byte short (I420: the chroma pitch that steps U and V)",
        [](auto &s, auto &) {  // the frame's rows carry 2 bytes of padding
-         const int k = s.format == HSEG_PIXFMT_I420 ? 2 : s.format == HSEG_PIXFMT_NV21;
-         s.pitches[k] = s.pitches[k < 2 ? k : 1] - 3;
+         const int k = s.format == HSEG_PIXFMT_I420 || s.format == HSEG_PIXFMT_NV21;
+         s.pitches[k] -= 3;
        }, 2},
       {"negative pitch", [](auto &s, auto &) { s.pitches[0] = -100; }, 2},
       {"short destination pitch", [](auto &, auto &d) { d.pitches[0] = 3 * d.width - 1; }, 2},

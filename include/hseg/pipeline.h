@@ -27,7 +27,13 @@
  *   - ly_interp aborts with its fixed assertion texts on an empty or
  *     out-of-image window, in release builds too (flatnn.h);
  *   - crf_inference reports success when a filtering step fails, keeping
- *     the old marginals for that iteration (crf.h).
+ *     the old marginals for that iteration; DCR_DepthRefine builds its CRF
+ *     on the default memory context and ignores its handle, its block's
+ *     iterations and relaxation, and its pitches (crf.h);
+ *   - the area resize, and so Hseg, steps I420's V plane with U's pitch and
+ *     never reads pitch 2; it only shrinks, returning 0 without writing when
+ *     asked to enlarge; the bicubic cache keeps the column table of its
+ *     first call's widths (resize.h).
  */
 #ifndef HSEG_PIPELINE_H_
 #define HSEG_PIPELINE_H_
@@ -224,10 +230,9 @@ HSEG_API MRESULT fr_extract_feature_deeplab_pspnet(const uint8_t *bgr, int32_t p
  *             HSEG_PIXFMT_BGR24 plane 0, pitch 0 >= 3 * width;
  *             HSEG_PIXFMT_YUY2  plane 0, pitch 0 >= 4 * ((width + 1) / 2);
  *             HSEG_PIXFMT_I420  planes 0, 1, 2: Y with pitch 0 >= width, U
- *                               and V with pitches 1 and 2 >=
- *                               (width + 1) / 2; both chroma planes are
- *                               stepped with pitch 1, so give them the same
- *                               pitch;
+ *                               and V both stepped with pitch 1 >=
+ *                               (width + 1) / 2 (pitch 2 is not read, so
+ *                               give both chroma planes the same pitch);
  *             HSEG_PIXFMT_NV21  planes 0, 1: Y with pitch 0 >= width, V,U
  *                               pairs with pitch 1 >= 2 * ((width + 1) / 2).
  *           Any other format code gives HSEG_ERR_FORMAT.

@@ -29,9 +29,10 @@ extern "C" {
  *                      (pitch 1, >= 2 * ((width + 1) / 2)), (height + 1) / 2
  *                      chroma rows
  *   HSEG_PIXFMT_I420   plane 0 = Y (pitch 0, >= width), plane 1 = U,
- *                      plane 2 = V; pitch 1 and pitch 2 each >= (width + 1)
- *                      / 2. Fixed interface behaviour: both chroma planes
- *                      are stepped with pitch 1, so give them the same pitch
+ *                      plane 2 = V; pitch 1 >= (width + 1) / 2. Fixed
+ *                      interface behaviour: both chroma planes are stepped
+ *                      with pitch 1 and pitch 2 is not read, so give them
+ *                      the same pitch
  *
  * The destination is always written as packed BGR (3 bytes a pixel, blue,
  * green, red) to plane 0 with pitch 0; its format code is not read.

@@ -13,6 +13,7 @@
 #include "hseg/resize.h"
 #include "pipeline/network.h"
 #include "pipeline/segment_internal.h"
+#include "resize/area_table.h"
 
 namespace hseg {
 namespace {
@@ -166,8 +167,10 @@ MRESULT check_segment_args(const OffscreenImage *src, const OffscreenImage *dst)
     case HSEG_PIXFMT_BGR24:
     case HSEG_PIXFMT_YUY2:
     case HSEG_PIXFMT_I420:
-    case HSEG_PIXFMT_NV21:
-      return pixfmt::planes_ok(*src) ? HSEG_OK : HSEG_ERR_BAD_ARGUMENT;
+    case HSEG_PIXFMT_NV21:  // each plane as the area resize steps it
+      return area::source_planes_ok(src->format, area::planes_of(*src), src->width)
+                 ? HSEG_OK
+                 : HSEG_ERR_BAD_ARGUMENT;
     default:
       return HSEG_OK;  // the area resize answers HSEG_ERR_FORMAT
   }

@@ -108,8 +108,8 @@ MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst) 
   if (src->width < 1 || src->height < 1 || dst->width < 1 || dst->height < 1) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
-  if (!pixfmt::planes_ok(*src) || !plane_ok(dst->planes[0], dst->pitches[0],
-                                            pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, dst->width))) {
+  if (!source_planes_ok(src->format, planes_of(*src), src->width) ||
+      !plane_ok(dst->planes[0], dst->pitches[0], pixfmt::row_bytes(HSEG_PIXFMT_BGR24, 0, dst->width))) {
     return HSEG_ERR_BAD_ARGUMENT;
   }
   return HSEG_OK;

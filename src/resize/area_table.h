@@ -48,8 +48,8 @@ WorkBlock split_work_block(void *block, int32_t dst_width);
 // Checks the two descriptors of an entry point. Returns HSEG_ERR_BAD_ARGUMENT
 // for a null descriptor, HSEG_ERR_FORMAT for a source format that the area
 // resize does not read, HSEG_ERR_BAD_ARGUMENT for a size below 1, a null
-// plane of the format or a pitch smaller than a row of its plane (I420's
-// pitch 2 included, although V is stepped with pitch 1); HSEG_OK else.
+// plane of the format or a pitch smaller than a row of the plane it steps
+// (source_planes_ok); HSEG_OK else.
 MRESULT check_descriptors(const OffscreenImage *src, const OffscreenImage *dst);
 
 // The source planes as the workers read them: plane 0 with pitch 0, plane 1
