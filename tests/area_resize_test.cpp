@@ -255,13 +255,11 @@ TEST(AreaResize, RefusesBadArgumentsAndEnlargementWithoutWorking) {
   using Spoil = void (*)(OffscreenImage &s, OffscreenImage &d);
   const struct { const char *what; Spoil spoil; MRESULT status; } cases[] = {
       {"grey source", [](auto &s, auto &) { s.format = HSEG_PIXFMT_GRAY; }, 3},
-      {"NV12 source", [](auto &s, auto &) { s.format = HSEG_PIXFMT_NV12; }, 3},
       {"source width 0", [](auto &s, auto &) { s.width = 0; }, 2},
       {"source height -1", [](auto &s, auto &) { s.height = -1; }, 2},
       {"destination height 0", [](auto &, auto &d) { d.height = 0; }, 2},
       {"null source plane", [](auto &s, auto &) { s.planes[0] = nullptr; }, 2},
       {"null destination", [](auto &, auto &d) { d.planes[0] = nullptr; }, 2},
-      {"short source pitch", [](auto &s, auto &) { s.pitches[0] -= 5; }, 2},
       {"last pitch a byte short (I420: the chroma pitch that steps U and V)",
        [](auto &s, auto &) {  // the frame's rows carry 2 bytes of padding
          const int k = s.format == HSEG_PIXFMT_I420 || s.format == HSEG_PIXFMT_NV21;
