@@ -50,6 +50,10 @@ TEST(Upsampling, LiftStepsBy32From60To473WithTheZeroGuard) {
   EXPECT_EQ(l.coarse[5], 11.512925f);  // probability 0
   EXPECT_EQ(l.coarse[6], 11.512925f);
   EXPECT_EQ(l.coarse[7], static_cast<float>(-std::log(static_cast<double>(l.scores[7] + 0.00001f))));
+  // The spare row repeats plane 1's last row, then its first value: outputs
+  // of the last rows read it with weight 0, where only the zero guard sees it.
+  for (int x = 0; x < kS; ++x) EXPECT_EQ(l.coarse[2 * kPlane + x], l.coarse[2 * kPlane - kS + x]);
+  EXPECT_EQ(l.coarse[2 * kPlane + kS], l.coarse[2 * kPlane - kS]);
   for (int label = 0; label < 2; ++label)
     for (int y = 0; y < Lift::kW; ++y)
       for (int x = 0; x < Lift::kW; ++x) {
