@@ -165,14 +165,10 @@ std::string library_asm(Change change, int tensor) {
     s += kernel ? "\t.bss\n" : "\t.section .rodata\n";
     s += std::string("\t.globl ") + sym + "\n\t.type " + sym + ", @object\n\t.size " + sym + ", " +
          std::to_string(4 * n) + "\n\t.balign 64\n" + sym + ":\n";
+    const bool nan = changed && change == Change::kNaN;
     const char *value = changed && change == Change::kZero ? "0" : "0x3f800000";
-    if (kernel) {
-      s += "\t.zero " + std::to_string(4 * n) + "\n";
-    } else if (changed && change == Change::kNaN) {
-      s += "\t.fill " + std::to_string(n - 1) + ", 4, 0x3f800000\n\t.long 0x7fc00000\n";
-    } else {
-      s += "\t.fill " + std::to_string(n) + ", 4, " + value + "\n";
-    }
+    if (kernel) s += "\t.zero " + std::to_string(4 * n) + "\n";
+    else s += "\t.fill " + std::to_string(n - nan) + ", 4, " + value + "\n" + (nan ? "\t.long 0x7fc00000\n" : "");
   }
   return s;
 }
