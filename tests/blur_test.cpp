@@ -41,15 +41,7 @@ struct Picture {
   // Samples (x, c) of row y as the format lays them out; 16-bit samples
   // start 2 bytes into the buffer so they stay aligned.
   uint8_t *row(int32_t y) { return px.data() + (format == HSEG_PIXFMT_GRAY16 ? 2 : 0) + y * pitch; }
-  OffscreenImage desc() {
-    OffscreenImage o{};
-    o.format = format;
-    o.width = w;
-    o.height = h;
-    o.planes[0] = row(0);
-    o.pitches[0] = pitch;
-    return o;
-  }
+  OffscreenImage desc() { return OffscreenImage{format, w, h, {row(0)}, {pitch}}; }
   int row_bytes() const { return w * bytes_per_pixel(format); }
   bool padding_is(uint8_t v) {
     for (int32_t y = 0; y < h; ++y)
