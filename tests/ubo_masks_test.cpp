@@ -41,13 +41,8 @@ TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
     SCOPED_TRACE(testing::Message() << r.x << "," << r.y << " " << r.width << "x" << r.height);
     GuardedRecord by_rect(9, 7, 1, 8, 0, 0), by_poly(9, 7, 1, 8, 2, 0);
     ASSERT_EQ(img_fill_rect(by_rect.get(), r, 9), HSEG_OK);
-    ASSERT_EQ(fill_poly(by_poly,
-                        {{r.x, r.y},
-                         {r.x + r.width, r.y},
-                         {r.x + r.width, r.y + r.height},
-                         {r.x, r.y + r.height}},
-                        9),
-              HSEG_OK);
+    const int x1 = r.x + r.width, y1 = r.y + r.height;
+    ASSERT_EQ(fill_poly(by_poly, {{r.x, r.y}, {x1, r.y}, {x1, y1}, {r.x, y1}}, 9), HSEG_OK);
     EXPECT_EQ(get_rows(by_poly.get()), get_rows(by_rect.get()));
   }
 }
@@ -55,10 +50,8 @@ TEST(Masks, PolygonOfARectangleFillsTheRectangle) {
 TEST(Masks, PolygonFillFollowsEvenOddAtPixelCentres) {
   // A square with a square hole, drawn as one path whose bridge edges cancel.
   GuardedRecord ring(10, 10, 1, 8, 0, 0);
-  ASSERT_EQ(
-      fill_poly(ring,
-                {{1, 1}, {9, 1}, {9, 9}, {1, 9}, {1, 1}, {3, 3}, {3, 7}, {7, 7}, {7, 3}, {3, 3}}),
-      HSEG_OK);
+  ASSERT_EQ(fill_poly(ring, {{1, 1}, {9, 1}, {9, 9}, {1, 9}, {1, 1}, {3, 3}, {3, 7}, {7, 7},
+                            {7, 3}, {3, 3}}), HSEG_OK);
   for (int y = 0; y < 10; ++y)
     for (int x = 0; x < 10; ++x) {
       const bool outer = x >= 1 && x < 9 && y >= 1 && y < 9,

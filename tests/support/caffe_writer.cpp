@@ -34,21 +34,18 @@ void unknown_fields(ProtoMessage *m) {
 
 void write_values(const CaffeBlob &b, const CaffeEncoding &e, size_t begin, size_t end,
                   ProtoMessage *m) {
-  if (e.doubles) {
-    std::vector<double> d(b.values + begin, b.values + end);
-    if (!e.unpacked) return m->bytes_field(kBlobDoubleData, d.data(), d.size() * 8);
-    for (double v : d) {
-      uint64_t bits;
-      std::memcpy(&bits, &v, 8);
-      m->fixed64_field(kBlobDoubleData, bits);
-    }
-    return;
-  }
-  if (!e.unpacked) return m->bytes_field(kBlobData, b.values + begin, (end - begin) * 4);
-  for (size_t i = begin; i < end; ++i) {
-    uint32_t bits;
-    std::memcpy(&bits, &b.values[i], 4);
-    m->fixed32_field(kBlobData, bits);
+  std::vector<double> d;  // only for doubles: the full model's kernels are large
+  if (e.doubles) d.assign(b.values + begin, b.values + end);
+  const char *data = e.doubles ? reinterpret_cast<const char *>(d.data())
+                               : reinterpret_cast<const char *>(b.values + begin);
+  const size_t size = e.doubles ? 8 : 4, n = end - begin;
+  const uint32_t field = e.doubles ? kBlobDoubleData : kBlobData;
+  if (!e.unpacked) return m->bytes_field(field, data, n * size);
+  for (size_t i = 0; i < n; ++i) {
+    uint64_t bits = 0;  // little-endian: a float's bits land in the low half
+    std::memcpy(&bits, data + i * size, size);
+    if (e.doubles) m->fixed64_field(field, bits);
+    else m->fixed32_field(field, static_cast<uint32_t>(bits));
   }
 }
 

@@ -81,8 +81,6 @@ class PspnetCaffeLayers {
  public:
   explicit PspnetCaffeLayers(const std::function<const float *(int)> &tensor);
   std::vector<CaffeLayer> layers;
-  // Layers with no tensor of the network: what the importer skips.
-  static constexpr int kExtraLayers = 8;
 
  private:
   std::vector<float> conv6_kernel_, conv6_bias_, aux_kernel_, aux_bn_;
