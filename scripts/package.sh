@@ -7,14 +7,23 @@
 # running against the package's pkg-config file.
 #
 #   scripts/package.sh [CMAKE_ARGS...]    e.g. -DHSEG_WEIGHTS=weights.safetensors
+#   scripts/package.sh --in DIR           packages an existing Release build
+#                                         configured with prefix /usr (the
+#                                         test script's), building nothing new
 #
 # Then install them with:  apt-get install ./build-deb/*.deb
 set -euo pipefail
 cd "$(dirname "$0")/.."
 out=build-deb
-
-cmake -S . -B "$out" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-  -DHSEG_BUILD_TESTS=OFF -DHSEG_BUILD_BENCH=OFF "$@"
+if [ "${1:-}" = "--in" ]; then
+  out=$2
+  shift 2
+  prefix=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$out/CMakeCache.txt")
+  [ "$prefix" = /usr ] || { echo "package.sh: $out is not configured with prefix /usr" >&2; exit 1; }
+else
+  cmake -S . -B "$out" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DHSEG_BUILD_TESTS=OFF -DHSEG_BUILD_BENCH=OFF "$@"
+fi
 cmake --build "$out" -j"$(nproc)"
 rm -f "$out"/*.deb
 (cd "$out" && cpack -G DEB)

@@ -9,13 +9,16 @@ cd "$(dirname "$0")/.."
 bash scripts/bootstrap.sh
 jobs=$(nproc)
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DHSEG_BUILD_BENCH=ON
+# The Release build, with the benchmarks (built, not run, so that they keep
+# compiling) and the packages' prefix.
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DHSEG_BUILD_BENCH=ON -DCMAKE_INSTALL_PREFIX=/usr
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
 
-# Debian packages: built in build-deb/, their contents checked, and the tool,
-# the module and a C program run from them unpacked into a throwaway root.
-scripts/package.sh
+# Debian packages from the Release build: their contents checked, and the
+# tool, the module and a C program run from them unpacked into a throwaway
+# root.
+scripts/package.sh --in build
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSEG_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
