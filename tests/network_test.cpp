@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
@@ -378,7 +379,7 @@ class NetPass : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     image_ = hseg_test::astronaut_bgr(kPitch, 0xA5);
-    probe_ = new Probe;
+    probe_ = std::make_unique<Probe>();
     probe_->keep = {"data", "conv1_1_3x3_s2", "conv2_3", "conv3_1", "conv5_3",
                     "conv5_3_pool1_conv", "conv5_3_pool2_conv", "conv5_3_pool3_conv",
                     "conv5_3_pool6_conv", "conv5_4"};
@@ -389,27 +390,24 @@ class NetPass : public testing::Test {
       status_ = hseg::net_forward(image_.data(), kPitch, scores_.data(), hseg::net_linked_weights(),
                                   &hooks);
   }
-  static void TearDownTestSuite() { delete probe_; }
+  static void TearDownTestSuite() { probe_.reset(); }
   void SetUp() override {
     ASSERT_FALSE(image_.empty()) << "cannot read examples/astronaut.png";
     ASSERT_EQ(status_, HSEG_OK);
   }
 
-  static std::vector<uint8_t> image_;
-  static std::vector<float> scores_;
-  static Probe *probe_;
-  static MRESULT status_;
+  static inline std::vector<uint8_t> image_;
+  static inline std::vector<float> scores_;
+  static inline std::unique_ptr<Probe> probe_;
+  static inline MRESULT status_ = ~0u;
 };
-std::vector<uint8_t> NetPass::image_;
-std::vector<float> NetPass::scores_;
-Probe *NetPass::probe_ = nullptr;
-MRESULT NetPass::status_ = -1;
 
 // A second pass on 3 threads (more than this machine's cores, so the
 // channel ranges fall unevenly), from rows packed at pitch 1419 that end at
-// a guard page into scores that end at one, gives the same bits; the scores are finite and, though the
-// synthetic weights mean nothing, give both labels over sizeable areas and
-// almost never two non-positive planes (the CRF would have nothing to use).
+// a guard page into scores that end at one, gives the same bits; the scores
+// are finite and, though the synthetic weights mean nothing, give both
+// labels over sizeable areas and almost never two non-positive planes (the
+// CRF would have nothing to use).
 TEST_F(NetPass, ScoresDoNotDependOnThreadsAndGiveBothLabels) {
   const std::vector<uint8_t> packed = hseg_test::astronaut_bgr(1419);
   hseg_test::GuardedBuffer img(packed.size()), out(7200 * sizeof(float));
