@@ -203,8 +203,9 @@ TEST(CoarseMask, EdgeCasesOfTheRule) {
 }
 
 // A null score buffer gets a zeroed scratch, so a failed pass still leaves a
-// defined (all-background) mask; the network's status is passed on. The
-// guide ends and the mask begins at a guard page, rows packed. Missing
+// defined (all-background) mask, and a caller's buffer gets the scores; the
+// network's status is passed on. The guide ends and the mask and scores
+// begin at a guard page, rows packed. Missing
 // buffers, and descriptors FigureNet_il cannot serve, are refused before
 // anything is read or written (a 10x10 input over 300 bytes was read as 473
 // rows, a 10x10 output over 100 bytes written 3600).
@@ -222,6 +223,10 @@ TEST(FigureNet, NullScoreBufferStatusAndDescriptorsItCannotServe) {
   EXPECT_TRUE(net.scores_zeroed);
   for (int i = 0; i < kScoreCells; ++i)
     ASSERT_EQ(mask[i], (i % kNetScoreSize) < kNetScoreSize / 2 ? 255 : 0) << "cell " << i;
+  GuardedBuffer score_bytes(2 * kScoreCells * sizeof(float), before, 0);
+  float *scores = reinterpret_cast<float *>(score_bytes.data());
+  ASSERT_EQ(hseg::figure_net(&guide.desc(), &out.desc(), scores, net.hook()), HSEG_OK);
+  EXPECT_TRUE(scores[kScoreCells] == 0.9f && scores[2 * kScoreCells - 1] == 0.1f);  // person left only
   net.status = 9;
   EXPECT_EQ(hseg::figure_net(&guide.desc(), &out.desc(), nullptr, net.hook()), 9u);
   EXPECT_EQ(std::count(mask, mask + kScoreCells, 0), kScoreCells);
