@@ -15,12 +15,6 @@ int main(void) {
   release_img(mem, &img);
   if (img != NULL) return 1;
   {
-    OffscreenImage o;
-    memset(&o, 0, sizeof o);
-    o.format = HSEG_PIXFMT_BGR24;
-    (void)o;
-  }
-  {
     double m[4] = {2, 0, 0, 4};
     ImgRect box = {1, 1, 1, 1};
     Image *mask = createimg(mem, 3, 2, 8, 1);
@@ -36,20 +30,9 @@ int main(void) {
     uint8_t px[4 * 3] = {0, 30, 60, 90, 120, 150, 180, 210, 240, 10, 20, 30};
     uint8_t out[4 * 3];
     uint8_t mask[1] = {0};
-    OffscreenImage s, d, m;
-    memset(&s, 0, sizeof s);
-    s.format = HSEG_PIXFMT_BGR24;
-    s.width = 4;
-    s.height = 1;
-    s.planes[0] = px;
-    s.pitches[0] = 12;
-    d = s;
-    d.planes[0] = out;
-    m = s;
-    m.format = HSEG_PIXFMT_GRAY;
-    m.width = 1;
-    m.planes[0] = mask;
-    m.pitches[0] = 1;
+    OffscreenImage s = {HSEG_PIXFMT_BGR24, 4, 1, {px}, {12}};
+    OffscreenImage d = {HSEG_PIXFMT_BGR24, 4, 1, {out}, {12}};
+    OffscreenImage m = {HSEG_PIXFMT_GRAY, 1, 1, {mask}, {1}};
     if (GB_BoxBlur(mem, &s, &d, 0) != HSEG_OK || memcmp(px, out, sizeof px) != 0 ||
         GB_GaussianBlurRows(mem, &s, &d, 1.5f, 0, 1) != HSEG_OK ||
         HsegBlurBackground(mem, &s, &m, 2.0f, &d) != HSEG_OK) {

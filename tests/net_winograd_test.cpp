@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "hseg/flatnn.h"
@@ -27,30 +26,10 @@ struct Case {
   bool bn;
 };
 
-// The input as the convolution reads it: a plain tensor, then (optionally)
-// a small one resized with ly_interp.
-std::vector<double> dense_input(const Case &c, const std::vector<float> &plain,
-                                const std::vector<float> &small) {
-  const int s = c.size, plane = s * s, plain_channels = c.channels - c.resized_channels;
-  std::vector<double> x(plain.begin(), plain.end());
-  std::vector<float> up(static_cast<size_t>(c.resized_channels) * plane);
-  if (c.resized_channels > 0) {
-    EXPECT_EQ(ly_interp(small.data(), up.data(), 1, c.resized_channels, c.resized_from,
-                        c.resized_from, 0, 0, s, s), 0u);
-  }
-  x.insert(x.end(), up.begin(), up.end());
-  EXPECT_EQ(x.size(), static_cast<size_t>(plain_channels + c.resized_channels) * plane);
-  return x;
-}
-
-double worst_seen = 0.0;  // of |error| / sum of |w x|, over all cases
-
 void run_case(const Case &c, std::mt19937 &rng) {
-  SCOPED_TRACE(testing::Message() << "channels " << c.channels << " -> " << c.out_channels
-                                  << ", size " << c.size << ", dilation " << c.dilation
-                                  << ", chunks " << c.chunk_rows << "/" << c.chunk_channels
-                                  << ", resized " << c.resized_channels << " from "
-                                  << c.resized_from << ", bn " << c.bn);
+  SCOPED_TRACE(testing::Message() << c.channels << " -> " << c.out_channels << " channels, size " << c.size
+                                  << ", dilation " << c.dilation << ", chunks " << c.chunk_rows << "/"
+                                  << c.chunk_channels << ", resized " << c.resized_channels << ", bn " << c.bn);
   std::uniform_real_distribution<float> uni(-1.0f, 1.0f);
   const int s = c.size, d = c.dilation, plane = s * s;
   std::vector<float> plain(static_cast<size_t>(c.channels - c.resized_channels) * plane);
@@ -68,13 +47,8 @@ void run_case(const Case &c, std::mt19937 &rng) {
   hseg::NetWinograd w = hseg::net_winograd_plan(c.channels, c.out_channels, s, d);
   if (c.chunk_rows > 0) w.chunk_rows = std::min(c.chunk_rows, w.tile_rows);
   if (c.chunk_channels > 0) w.chunk_channels = std::min(c.chunk_channels, c.channels);
-  hseg::NetSources in{1, {plain.data()}, {c.channels - c.resized_channels}, {0}};
-  if (c.resized_channels > 0) {
-    in.count = 2;
-    in.data[1] = small.data();
-    in.channels[1] = c.resized_channels;
-    in.resized_from[1] = c.resized_from;
-  }
+  const hseg::NetSources in{c.resized_channels > 0 ? 2 : 1, {plain.data(), small.data()},
+                            {c.channels - c.resized_channels, c.resized_channels}, {0, c.resized_from}};
   std::vector<float> u(size_t{hseg::kWinoPoints} * c.out_channels * c.channels);
   hseg::net_winograd_filters(kernel.data(), c.out_channels, c.channels, 0, c.out_channels, u.data());
   std::vector<float> v(w.v_floats()), m(w.m_floats()), out(static_cast<size_t>(c.out_channels) * plane, kCanary);
@@ -87,8 +61,15 @@ void run_case(const Case &c, std::mt19937 &rng) {
     ASSERT_EQ(std::memcmp(generic.data(), out.data(), out.size() * sizeof(float)), 0);
   }
 
-  const std::vector<double> x = dense_input(c, plain, small);
-  double worst = 0.0;
+  // The input as the convolution reads it: the plain tensor, then the small
+  // one resized with ly_interp.
+  std::vector<float> up(static_cast<size_t>(c.resized_channels) * plane);
+  if (c.resized_channels > 0) {
+    ASSERT_EQ(ly_interp(small.data(), up.data(), 1, c.resized_channels, c.resized_from,
+                        c.resized_from, 0, 0, s, s), 0u);
+  }
+  std::vector<double> x(plain.begin(), plain.end());
+  x.insert(x.end(), up.begin(), up.end());
   for (int o = 0; o < c.out_channels; ++o)
     for (int y = 0; y < s; ++y)
       for (int xx = 0; xx < s; ++xx) {
@@ -112,9 +93,7 @@ void run_case(const Case &c, std::mt19937 &rng) {
         const float got = out[(static_cast<size_t>(o) * s + y) * s + xx];
         ASSERT_LE(std::fabs(got - want), tolerance)
             << "output " << o << " at (" << xx << ", " << y << "): " << got << ", expected " << want;
-        if (abs_sum > 0) worst = std::max(worst, std::fabs(got - want) / abs_sum);
       }
-  worst_seen = std::max(worst_seen, worst);
 }
 
 // Random shapes over channels 1-64, sizes 1-37 (partial tiles at every
@@ -149,12 +128,11 @@ TEST(NetWinograd, MatchesDirectConvolutionOnRandomShapes) {
     run_case(c, rng);
     if (HasFatalFailure()) return;
   }
-  RecordProperty("largest_relative_error", std::to_string(worst_seen));
 }
 
-// The cache transforms the filters once, keeps one block of bytes(), gives
-// it only for the weights it was made for, and returns it when it dies;
-// a refused allocation leaves it empty and is tried again.
+// The cache transforms the filters once, keeps one block, gives it only for
+// the weights it was made for, and returns it when it dies; a refused
+// allocation leaves it empty and is tried again.
 TEST(NetWinograd, FilterCacheKeepsOneBlockUntilItDies) {
   static int live = 0, calls = 0, refuse = 0;
   auto alloc = [](size_t bytes) -> void * {
@@ -180,18 +158,8 @@ TEST(NetWinograd, FilterCacheKeepsOneBlockUntilItDies) {
     EXPECT_EQ(cache.get(weights.data() + 1, 2), nullptr);  // another table
     EXPECT_EQ(live, 1);
     EXPECT_EQ(calls, 2);
-    // The corner of G g G' is g00 / 16.
-    int layer = 0;
-    while (!hseg::net_winograd_layer(hseg::kNetLayers[layer])) ++layer;
-    EXPECT_FLOAT_EQ(block[hseg::NetFilterCache::offset(layer)], 0.125f / 16);
   }
   EXPECT_EQ(live, 0);
-  // 36 transformed values for every 9 kernel values of the stride-1 3x3
-  // layers: conv1_2 .. conv5_4.
-  size_t kernel_floats = 0;
-  for (const hseg::NetLayer &l : hseg::kNetLayers)
-    if (hseg::net_winograd_layer(l)) kernel_floats += size_t{9} * l.cout * l.cin;
-  EXPECT_EQ(hseg::NetFilterCache::bytes(), kernel_floats * 4 * sizeof(float));
 }
 
 }  // namespace
