@@ -1,8 +1,8 @@
 hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
 
 # Network pass
-# Whole passes on the linked weights take a few seconds each; the suite runs
-# about four and a half (one of them the reference route, which holds 1.5 GB).
+# Whole passes on the linked weights take a few seconds each; the suite runs a
+# handful (one of them the reference route, which holds 1.5 GB).
 hseg_add_test(network_test LIBS hseg_pipeline stb SOURCES network_test.cpp)
 target_compile_definitions(network_test PRIVATE
   HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
@@ -46,8 +46,8 @@ target_compile_definitions(caffe_import_test PRIVATE
 add_dependencies(caffe_import_test hseg-weights)
 
 # Segmentation entry
-# Runs the full pipeline, exact and fast, about twenty times (seconds each),
-# eight of them four at once in the threaded tests.
+# Runs the full pipeline, exact and fast, fifteen times (seconds each), four
+# of them at once in the threaded test.
 hseg_add_test(segment_test LIBS hseg_pipeline stb SOURCES segment_test.cpp)
 target_compile_definitions(segment_test PRIVATE HSEG_EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
 # Under ThreadSanitizer the test script runs the lattice tests (crf_test), the
