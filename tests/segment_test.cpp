@@ -372,7 +372,7 @@ TEST_F(AroundTheNetwork, EveryOutputSizeIsTheNearestResizeOfTheFineMask) {
     Mask mask(c.w, c.h, c.pitch);
     FakeNet net;
     HsegStageTimes t;
-    ASSERT_EQ(hseg::segment(nullptr, &bgr_->desc, &mask.desc, 0, net.hook(), &t), HSEG_OK)
+    ASSERT_EQ(hseg::segment(nullptr, &bgr_->desc, &mask.desc, net.hook(), &t), HSEG_OK)
         << c.w << "x" << c.h;
     EXPECT_EQ(net.calls, 1);
     EXPECT_GE(t.total, t.resize + t.network + t.crf + t.final_resize);
@@ -398,7 +398,7 @@ TEST_F(AroundTheNetwork, FailingStagesPassTheirStatusAndLeaveTheMask) {
     FakeNet net;
     net.status = net_status;
     const int64_t live = hseg_test::alloc_live();
-    EXPECT_EQ(hseg::segment(nullptr, &src, &mask.desc, 0, net.hook(), nullptr), want) << want;
+    EXPECT_EQ(hseg::segment(nullptr, &src, &mask.desc, net.hook(), nullptr), want) << want;
     EXPECT_TRUE(mask.untouched() && hseg_test::alloc_live() == live) << want;
   }
 }
@@ -411,7 +411,7 @@ TEST_F(AroundTheNetwork, EachAllocationFailureGivesStatus4AndLeaksNothing) {
   hseg_test::for_each_alloc_failure([&](int64_t failing) {
     Mask mask(200, 150, 208);
     FakeNet net;
-    const MRESULT s = hseg::segment(nullptr, &bgr_->desc, &mask.desc, 0, net.hook(), nullptr);
+    const MRESULT s = hseg::segment(nullptr, &bgr_->desc, &mask.desc, net.hook(), nullptr);
     EXPECT_EQ(hseg_test::alloc_live(), live) << "allocation " << failing;
     EXPECT_EQ(s, failing == 0 ? HSEG_OK : HSEG_ERR_NO_MEMORY) << "allocation " << failing;
     EXPECT_EQ(mask.untouched(), failing != 0) << "allocation " << failing;
@@ -432,7 +432,7 @@ TEST_F(AroundTheNetwork, StaysInsideGuardedBuffers) {
       GuardedImage src(frame.desc, Scene::kW - 1, Scene::kH - 3, mode);
       GuardedImage mask(HSEG_PIXFMT_GRAY, larger ? 701 : 121, larger ? 501 : 67, mode, kCanary);
       FakeNet net;
-      EXPECT_EQ(hseg::segment(nullptr, &src.desc(), &mask.desc(), 0, net.hook(), nullptr), HSEG_OK)
+      EXPECT_EQ(hseg::segment(nullptr, &src.desc(), &mask.desc(), net.hook(), nullptr), HSEG_OK)
           << "format " << std::hex << f;
       const uint8_t *m = mask.desc().planes[0];
       EXPECT_TRUE(binary(std::vector<uint8_t>(m, m + mask.plane(0).size())));
@@ -453,7 +453,7 @@ TEST_F(AroundTheNetwork, FourThreadsGiveTheSerialMasks) {
     serial.emplace_back(100 + 37 * k, 90 + 11 * k, 120 + 37 * k);
     threaded.emplace_back(100 + 37 * k, 90 + 11 * k, 120 + 37 * k);
     FakeNet net;
-    ASSERT_EQ(hseg::segment(nullptr, &frames[k].desc, &serial[k].desc, 0, net.hook(), nullptr), HSEG_OK);
+    ASSERT_EQ(hseg::segment(nullptr, &frames[k].desc, &serial[k].desc, net.hook(), nullptr), HSEG_OK);
   }
   MRESULT status[4] = {0, 0, 0, 0};
   std::vector<std::thread> threads;
@@ -461,7 +461,7 @@ TEST_F(AroundTheNetwork, FourThreadsGiveTheSerialMasks) {
     threads.emplace_back([&, k] {
       FakeNet net;
       for (int round = 0; round < 2; ++round)
-        status[k] |= hseg::segment(nullptr, &frames[k].desc, &threaded[k].desc, 0, net.hook(), nullptr);
+        status[k] |= hseg::segment(nullptr, &frames[k].desc, &threaded[k].desc, net.hook(), nullptr);
     });
   for (auto &t : threads) t.join();
   for (int k = 0; k < 4; ++k) {
@@ -476,7 +476,7 @@ TEST_F(AroundTheNetwork, SmallSourceIsNotEnlarged) {
   src.width = src.height = 100;
   Mask mask(100, 100, 100);
   FakeNet net;
-  EXPECT_EQ(hseg::segment(nullptr, &src, &mask.desc, 0, net.hook(), nullptr), HSEG_OK);
+  EXPECT_EQ(hseg::segment(nullptr, &src, &mask.desc, net.hook(), nullptr), HSEG_OK);
   EXPECT_TRUE(net.guide_black);
   EXPECT_FALSE(mask.untouched());
 }

@@ -80,7 +80,7 @@ double seconds_since(Clock::time_point t0) {
 }
 
 MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
-                   int32_t flags, const NetworkHook &net, HsegStageTimes *times) {
+                   const NetworkHook &net, HsegStageTimes *times) {
   UpsamplingParams params;
   ParamUpsampling2(&params);
 
@@ -108,7 +108,6 @@ MRESULT run_stages(Work &w, const OffscreenImage *src, OffscreenImage *dst,
   t = Clock::now();
   OffscreenImage coarse = describe(w.coarse);
   s = figure_net(&guide, &coarse, w.scores, net);
-  (void)flags;  // not used by any stage; kept in the signature for callers
   if (times != nullptr) times->network = seconds_since(t);
   if (s != HSEG_OK) return s;
 
@@ -202,7 +201,7 @@ MRESULT figure_net(const OffscreenImage *in, OffscreenImage *out, float *scores,
 }
 
 MRESULT segment(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
-                int32_t flags, const NetworkHook &net, HsegStageTimes *times) {
+                const NetworkHook &net, HsegStageTimes *times) {
   const MRESULT checked = check_segment_args(src, dst);
   if (checked != HSEG_OK) return checked;
   if (times != nullptr) std::memset(times, 0, sizeof *times);
@@ -210,7 +209,7 @@ MRESULT segment(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
   MRESULT s;
   {
     Work w(mem);
-    s = run_stages(w, src, dst, flags, net, times);
+    s = run_stages(w, src, dst, net, times);
   }  // releases everything, success or not
   if (times != nullptr) times->total = seconds_since(t0);
   return s;
@@ -221,13 +220,13 @@ MRESULT segment(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
 extern "C" {
 
 HSEG_API MRESULT Hseg(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
-                      uint64_t, int32_t flags) {
-  return hseg::segment(mem, src, dst, flags, hseg::default_network(), nullptr);
+                      uint64_t, int32_t) {
+  return hseg::segment(mem, src, dst, hseg::default_network(), nullptr);
 }
 
 HSEG_API MRESULT HsegTimed(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
-                           uint64_t, int32_t flags, HsegStageTimes *times) {
-  return hseg::segment(mem, src, dst, flags, hseg::default_network(), times);
+                           uint64_t, int32_t, HsegStageTimes *times) {
+  return hseg::segment(mem, src, dst, hseg::default_network(), times);
 }
 
 HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
@@ -235,7 +234,7 @@ HSEG_API MRESULT HsegEx(MHandle mem, const OffscreenImage *src, OffscreenImage *
   HsegOptions o;
   const MRESULT s = hseg::read_options(options, &o);
   if (s != HSEG_OK) return s;
-  return hseg::segment(mem, src, dst, 0,
+  return hseg::segment(mem, src, dst,
                        o.network == HSEG_NETWORK_FAST ? hseg::fast_network()
                                                       : hseg::default_network(),
                        o.times);

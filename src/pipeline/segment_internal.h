@@ -40,9 +40,10 @@ MRESULT check_segment_args(const OffscreenImage *src, const OffscreenImage *dst)
 MRESULT figure_net(const OffscreenImage *in, OffscreenImage *out, float *scores,
                    const NetworkHook &net);
 
-// HsegTimed with the network given; `times` may be null.
+// HsegTimed with the network given (no stage reads Hseg's flags); `times`
+// may be null.
 MRESULT segment(MHandle mem, const OffscreenImage *src, OffscreenImage *dst,
-                int32_t flags, const NetworkHook &net, HsegStageTimes *times);
+                const NetworkHook &net, HsegStageTimes *times);
 
 }  // namespace hseg
 
