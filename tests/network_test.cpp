@@ -1,5 +1,6 @@
 // The network pass: the layer table, the network's own kernels against the
 // layer functions, and whole passes on the linked (synthetic) weights.
+#include <cblas.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include "hseg/pipeline.h"
 #include "network_test_image.h"
 #include "pipeline/net_arena.h"
+#include "pipeline/net_gemm.h"
 #include "pipeline/net_kernels.h"
 #include "pipeline/net_layers.h"
 #include "pipeline/net_pool.h"
@@ -279,6 +281,34 @@ TEST(NetPool, EveryTaskRunsOnceWithConcurrentCallers) {
     EXPECT_LE(most_threads[k], k + 1) << "caller " << k;
     for (int t = 0; t < kTasks; ++t)
       ASSERT_EQ(runs[k][t], t < 3 ? 50 : 25) << "caller " << k << " task " << t;
+  }
+}
+
+// OpenBLAS's K-block is found, and a product as deep as conv5_4's (36864)
+// cut into K-slices by the pass's rule, with slices of one and of five
+// blocks, gives the bits of the whole product.
+TEST(NetGemm, KSlicesGiveTheWholeProduct) {
+  const int block = hseg::net_gemm_k_block();
+  RecordProperty("k_block", block);
+  ASSERT_GT(block, 0) << "no K-block found: conv5_4 would go in narrow row bands";
+  constexpr int kM = 32, kN = 120, kK = 36864;
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+  std::vector<float> a(size_t{kM} * kK), b(size_t{kK} * kN), whole(kM * kN), split(kM * kN);
+  for (float &v : a) v = value(rng);
+  for (float &v : b) v = value(rng);
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, kM, kN, kK, 1.0f, a.data(), kK, b.data(),
+              kN, 0.0f, whole.data(), kN);
+  for (int blocks : {1, 5}) {
+    std::fill(split.begin(), split.end(), kCanary);
+    for (int64_t k0 = 0, k1; k0 < kK; k0 = k1) {
+      k1 = hseg::net_gemm_k_slice_end(k0, kK, int64_t{blocks} * block);
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, kM, kN, static_cast<int>(k1 - k0),
+                  1.0f, a.data() + k0, kK, b.data() + k0 * kN, kN, k0 == 0 ? 0.0f : 1.0f,
+                  split.data(), kN);
+    }
+    EXPECT_EQ(first_diff(whole.data(), split.data(), whole.size()), whole.size())
+        << "slices of " << blocks << " blocks";
   }
 }
 

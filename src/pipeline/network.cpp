@@ -42,6 +42,7 @@
 #include "flatnn/internal.h"
 #include "hseg/flatnn.h"
 #include "pipeline/net_arena.h"
+#include "pipeline/net_gemm.h"
 #include "pipeline/net_kernels.h"
 #include "pipeline/net_layers.h"
 #include "pipeline/net_pool.h"
@@ -59,13 +60,17 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // Band sizes of the fast route. OpenBLAS runs these products markedly faster
 // on 1800 columns than on a few hundred, so a band has at least
 // kMinBandColumns columns, or more rows when its column copy still fits in
-// kBandBytes (the stem's wide rows); but a column copy never takes more than
-// kMaxBandBytes: conv5_4's 36864-row copy gets 7 rows of 60 columns. That
-// keeps the pass's peak memory 60 MB below 14-row bands, at the cost of
-// OpenBLAS packing conv5_4's 75 MB kernel once more for each extra band.
+// kBandBytes (the stem's wide rows). A convolution whose column copy would
+// take more than kMaxBandBytes at that width (conv5_4: 36864 rows) goes in
+// bands over K instead, each all the output's columns and about
+// kDepthBandBytes of column rows, accumulated in place (net_gemm.h): its
+// 75 MB kernel is then packed once, as in one whole product, and its column
+// copy held a slice at a time. Where OpenBLAS cannot be split over K exactly,
+// it goes in the narrow row bands that fit kMaxBandBytes.
 constexpr int64_t kMinBandColumns = 1800;
 constexpr int64_t kBandBytes = int64_t{8} << 20;
 constexpr int64_t kMaxBandBytes = int64_t{64} << 20;
+constexpr int64_t kDepthBandBytes = int64_t{24} << 20;
 
 // At most this many blocks are held at once by the reference route (the 156
 // tensors with keep_all; a handful otherwise).
@@ -104,6 +109,37 @@ int64_t band_rows(const NetLayer &l) {
   int64_t rows = std::max((kMinBandColumns + out - 1) / out, kBandBytes / row_bytes);
   rows = std::max<int64_t>(1, std::min(rows, kMaxBandBytes / row_bytes));
   return std::min(rows, out);
+}
+
+// Column rows per band over K (a multiple of OpenBLAS's K-block), or 0 for a
+// convolution that goes in bands of output rows.
+int64_t depth_band_rows(const NetLayer &l) {
+  if (is_direct(l) || l.role == NetRole::kIncrease) return 0;
+  const int64_t out = net_out_size(l), k = int64_t{l.cin} * l.kernel * l.kernel;
+  if (kMaxBandBytes / (k * out * int64_t{sizeof(float)}) * out >= kMinBandColumns) return 0;
+  const int64_t block = net_gemm_k_block();
+  if (block == 0) return 0;
+  return block * std::max<int64_t>(1, kDepthBandBytes / (block * out * out * int64_t{sizeof(float)}));
+}
+
+// The input channels whose column rows cover [k0, k1).
+void depth_band_channels(int64_t k0, int64_t k1, int kernel_area, int *c0, int *c1) {
+  *c0 = static_cast<int>(k0 / kernel_area);
+  *c1 = static_cast<int>((k1 + kernel_area - 1) / kernel_area);
+}
+
+// Floats of the column copy of the widest band over K of layer l.
+int64_t depth_band_floats(const NetLayer &l, int64_t rows) {
+  const int area = l.kernel * l.kernel;
+  const int64_t k = int64_t{l.cin} * area, n = int64_t{net_out_size(l)} * net_out_size(l);
+  int widest = 0;
+  for (int64_t k0 = 0, k1; k0 < k; k0 = k1) {
+    k1 = net_gemm_k_slice_end(k0, k, rows);
+    int c0, c1;
+    depth_band_channels(k0, k1, area, &c0, &c1);
+    widest = std::max(widest, c1 - c0);
+  }
+  return int64_t{widest} * area * n;
 }
 
 void *default_alloc(void *, size_t bytes, const char *) { return std::malloc(bytes); }
@@ -167,6 +203,9 @@ class Pass {
   MRESULT conv_winograd(int layer, const NetSources &sources, const Tensor &out);
   void run_bands(int layer, const NetSources &sources, Finish finish, float *col,
                  float *product, const Tensor &out);
+  void run_depth_bands(int layer, const NetSources &sources, Finish finish, int64_t rows,
+                       float *col, const Tensor &out);
+  NetBn batch_norm(int layer, Finish finish, float *inv_std) const;
   MRESULT block(int *layer, Tensor *x);
   MRESULT max_pool(const Tensor &in, const Tensor &out) const;
   MRESULT pyramid(int *layer, Tensor *x, Tensor parts[NetSources::kMax], int *count);
@@ -305,14 +344,20 @@ MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish
   }
   if (hooks_.winograd && net_winograd_layer(l)) return conv_winograd(layer, sources, out);
   const int64_t band = band_rows(l) * out.w;
+  const int64_t depth = finish == Finish::kBnAddRelu ? 0 : depth_band_rows(l);
   Tensor columns, product;  // a 1x1 convolution reads its input as it lies
   MRESULT st = HSEG_OK;
   if (!is_direct(l))
-    st = make("columns", 1, 1, static_cast<int>(int64_t{l.cin} * l.kernel * l.kernel * band),
+    st = make("columns", 1, 1,
+              static_cast<int>(depth > 0 ? depth_band_floats(l, depth)
+                                         : int64_t{l.cin} * l.kernel * l.kernel * band),
               &columns, true);
   if (st == HSEG_OK && finish == Finish::kBnAddRelu)
     st = make("product", l.cout, 1, static_cast<int>(band), &product, true);
-  if (st == HSEG_OK && !dry_) run_bands(layer, sources, finish, columns.data, product.data, out);
+  if (st == HSEG_OK && !dry_ && depth > 0)
+    run_depth_bands(layer, sources, finish, depth, columns.data, out);
+  else if (st == HSEG_OK && !dry_)
+    run_bands(layer, sources, finish, columns.data, product.data, out);
   drop(&product);
   drop(&columns);
   return st;
@@ -328,8 +373,7 @@ MRESULT Pass::conv_winograd(int layer, const NetSources &sources, const Tensor &
   if (st == HSEG_OK) st = make("winograd_m", 1, 1, static_cast<int>(w.m_floats()), &m, true);
   if (st == HSEG_OK && !dry_) {
     float inv_std[kMaxChannels];
-    net_bn_inv_std(weight(layer, 4), kBnEps, l.cout, inv_std);
-    const NetBn bn{weight(layer, 1), weight(layer, 2), weight(layer, 3), inv_std};
+    const NetBn bn = batch_norm(layer, Finish::kBnRelu, inv_std);
     net_winograd_conv(w, sources, filters_ + NetFilterCache::offset(layer), &bn, out.data,
                       v.data, m.data, lanes_);
   }
@@ -348,11 +392,7 @@ void Pass::run_bands(int layer, const NetSources &sources, Finish finish, float 
   const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
   const int64_t rows = band_rows(l);
   float inv_std[kMaxChannels];
-  NetBn bn{};
-  if (finish != Finish::kBias) {
-    net_bn_inv_std(weight(layer, 4), kBnEps, l.cout, inv_std);
-    bn = NetBn{weight(layer, 1), weight(layer, 2), weight(layer, 3), inv_std};
-  }
+  const NetBn bn = batch_norm(layer, finish, inv_std);
   for (int row0 = 0; row0 < out.h; row0 += static_cast<int>(rows)) {
     const int row1 = static_cast<int>(std::min<int64_t>(out.h, row0 + rows));
     const int64_t col0 = int64_t{row0} * out.w, col1 = int64_t{row1} * out.w;
@@ -370,6 +410,37 @@ void Pass::run_bands(int layer, const NetSources &sources, Finish finish, float 
                 static_cast<int>(ldb), 0.0f, c, static_cast<int>(ldc));
     this->finish(layer, finish, bn, product, out, col0, col1);
   }
+}
+
+// The bands over K of conv_banded: for each, the column copy of the input
+// channels that hold its column rows, one GEMM that adds its part of the
+// product to `out` (the first sets it), then the finish on the whole output.
+void Pass::run_depth_bands(int layer, const NetSources &sources, Finish finish, int64_t rows,
+                           float *col, const Tensor &out) {
+  const NetLayer &l = kNetLayers[layer];
+  const int area = l.kernel * l.kernel;
+  const int64_t n = int64_t{out.h} * out.w, k = int64_t{l.cin} * area;
+  for (int64_t k0 = 0, k1; k0 < k; k0 = k1) {
+    k1 = net_gemm_k_slice_end(k0, k, rows);
+    int c0, c1;
+    depth_band_channels(k0, k1, area, &c0, &c1);
+    const NetConvGeom g{c1 - c0, l.in_size, l.kernel, l.stride, l.pad, l.dilation, out.h};
+    im2col(net_sources_slice(sources, c0, c1, l.in_size), g, 0, out.h, col);
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, l.cout, static_cast<int>(n),
+                static_cast<int>(k1 - k0), 1.0f, weight(layer, 0) + k0, static_cast<int>(k),
+                col + (k0 - int64_t{c0} * area) * n, static_cast<int>(n), k0 == 0 ? 0.0f : 1.0f,
+                out.data, static_cast<int>(n));
+  }
+  float inv_std[kMaxChannels];
+  this->finish(layer, finish, batch_norm(layer, finish, inv_std), nullptr, out, 0, n);
+}
+
+// The batch norm that follows `layer`, with its 1/std in inv_std; none
+// before a bias.
+NetBn Pass::batch_norm(int layer, Finish finish, float *inv_std) const {
+  if (finish == Finish::kBias) return NetBn{};
+  net_bn_inv_std(weight(layer, 4), kBnEps, kNetLayers[layer].cout, inv_std);
+  return NetBn{weight(layer, 1), weight(layer, 2), weight(layer, 3), inv_std};
 }
 
 // One bottleneck block from *layer (its reduce layer) on *x, which it

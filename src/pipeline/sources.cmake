@@ -8,6 +8,7 @@ hseg_sources(base
 hseg_sources(network
   src/pipeline/network.cpp
   src/pipeline/net_arena.cpp
+  src/pipeline/net_gemm.cpp
   src/pipeline/net_kernels.cpp
   src/pipeline/net_layers.cpp
   src/pipeline/net_pool.cpp
