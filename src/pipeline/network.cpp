@@ -10,13 +10,15 @@
 // functions one layer at a time. The fast route, the default, runs a 1x1
 // stride-1 convolution as one GEMM straight on its input, and any other
 // convolution in bands of output rows: one GEMM per band on a band-sized
-// column copy. Batch norm, ReLU and the residual sum follow in one pass over
+// column copy (conv5_4, whose whole copy would take 531 MB, in bands over K
+// that add to its output). Batch norm, ReLU and the residual sum follow in one pass over
 // each band (the block's sum lands in its shortcut, in place), and conv5_4's
 // column copy reads conv5_3 and the pyramid branches where they lie, resizing
 // the branches' rows as it needs them, instead of a concatenation. Every
 // float operation is the one the reference route performs, in the same order:
 // OpenBLAS computes each output element over the whole K in the same order
-// whatever the number of columns it is given, and the finishes repeat
+// whatever the number of columns it is given, or the K-slices at multiples
+// of its K-block (net_gemm.h), and the finishes repeat
 // ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
 //
 // The fast network (NetHooks::winograd) is the fast route with its stride-1
