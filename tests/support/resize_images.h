@@ -36,6 +36,12 @@ void expect_clean_alloc_failures(size_t bytes, F call) {
             }), 1);
 }
 
+// The nearest-neighbour source index of destination index d, written out in
+// 64 bits.
+inline int64_t nn_index(int64_t src, int64_t dst, int64_t d) {
+  return (std::min(src, dst) - 1 + d * 2 * src) / (2 * dst);
+}
+
 // A logical picture: BGR pixels and, independently, Y per pixel with one U, V
 // pair per 2x2 block, so that every YUV layout carries the same chroma.
 struct Picture {
