@@ -106,9 +106,9 @@ TEST(Image, EveryAllocationFailureReturnsNullWithoutLeaks) {
   release_img_pesudo(nullptr, &src);
 }
 
+// MMemAlloc and MMemFree are the test's counting allocator here; the
+// library's own are checked from C, where the shared library is linked.
 TEST(Memory, ServicesHandleEdgeArguments) {
-  EXPECT_EQ(MMemAlloc(nullptr, -5), nullptr);
-  MMemFree(nullptr, nullptr);
   uint8_t b[4] = {1, 2, 3, 4};
   EXPECT_EQ(MMemSet(b, 0x1FF, 2), b);  // low 8 bits only
   MMemSet(b, 7, -1);                   // nothing

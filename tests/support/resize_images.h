@@ -1,5 +1,6 @@
 // Pictures, source descriptors and canary-filled destinations shared by the
-// resizer tests, with an independent YUV-to-BGR reference.
+// resizer, toolkit and segmentation tests, with an independent YUV-to-BGR
+// reference and the nearest-neighbour index rule.
 #ifndef HSEG_TESTS_SUPPORT_RESIZE_IMAGES_H_
 #define HSEG_TESTS_SUPPORT_RESIZE_IMAGES_H_
 
