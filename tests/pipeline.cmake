@@ -1,5 +1,3 @@
-hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
-
 # Network pass
 # Whole passes on the linked weights take a few seconds each; the suite runs a
 # handful (one of them the reference route, which holds 1.5 GB).
