@@ -445,7 +445,8 @@ TEST(Cubic, AllocationFailureKeepsWhatWasAllocated) {
 // destination rows, for the bilinear equal sizes; the bicubic resize refuses
 // sides below five unless the sizes are equal. Bilinear sources are 16 x
 // 12: rows of 48 BGR, 32 YUY2, 16 luma, 8 planar or 16 interleaved chroma
-// bytes.
+// bytes. Rows name the resizer: NN, C1 (bilinear, one channel), BL
+// (bilinear, any format), BC (bicubic).
 TEST(Resizers, ReturnEarlyOnBadArguments) {
   std::mt19937 rng(2);
   const Picture p = random_picture(rng, 16, 12);
@@ -465,10 +466,10 @@ TEST(Resizers, ReturnEarlyOnBadArguments) {
       {"NN null source", zevImageResize_NN(nullptr, nullptr, 8, 8, 8, d, 8, 8, 8, 1), kBad},
       {"NN null destination", zevImageResize_NN(nullptr, s, 8, 8, 8, nullptr, 8, 8, 8, 1), kBad},
       {"NN zero source height", zevImageResize_NN(nullptr, s, 8, 8, 0, d, 8, 8, 8, 1), kBad},
-      {"NN negative destination width", zevImageResize_NN(nullptr, s, 8, 8, 8, d, 8, -4, 8, 1), kBad},
+      {"NN negative dst width", zevImageResize_NN(nullptr, s, 8, 8, 8, d, 8, -4, 8, 1), kBad},
       {"NN short destination pitch", zevImageResize_NN(nullptr, s, 24, 8, 8, d, 23, 8, 8, 3), kBad},
-      {"NN row bytes overflow", zevImageResize_NN(nullptr, s, big, big / 2, 1, d, 8, 8, 8, 3), kBad},
-      {"NN work block overflow", zevImageResize_NN(nullptr, s, 8, 8, 8, d, big, big / 5, 8, 1), kBad},
+      {"NN row overflow", zevImageResize_NN(nullptr, s, big, big / 2, 1, d, 8, 8, 8, 3), kBad},
+      {"NN block overflow", zevImageResize_NN(nullptr, s, 8, 8, 8, d, big, big / 5, 8, 1), kBad},
       {"NN two channels", zevImageResize_NN(nullptr, s, 16, 8, 8, d, 16, 8, 8, 2), HSEG_OK},
       {"NN no destination rows", zevImageResize_NN(nullptr, s, 8, 8, 8, d, 8, 8, 0, 1), HSEG_OK},
       {"C1 equal sizes", zevImageResize_BL_C1(nullptr, s, 16, 12, 16, d, 16, 12, 16), HSEG_OK},
@@ -482,24 +483,24 @@ TEST(Resizers, ReturnEarlyOnBadArguments) {
       {"BL grey format code",
        bl(HSEG_PIXFMT_BGR24, [](auto &i) { i.format = HSEG_PIXFMT_GRAY; }, 8, 8, 1),
        HSEG_ERR_FORMAT},
-      {"BL short YUY2 pitch", bl(HSEG_PIXFMT_YUY2, [](auto &i) { i.pitches[0] = 31; }, 8, 8, 1), kBad},
-      {"BL null V plane", bl(HSEG_PIXFMT_I420, [](auto &i) { i.planes[2] = nullptr; }, 8, 8, 1), kBad},
-      {"BL short V pitch", bl(HSEG_PIXFMT_I420, [](auto &i) { i.pitches[2] = 7; }, 8, 8, 1), kBad},
-      {"BL short chroma pitch", bl(HSEG_PIXFMT_NV12, [](auto &i) { i.pitches[1] = 15; }, 8, 8, 1),
+      {"BL YUY2 pitch", bl(HSEG_PIXFMT_YUY2, [](auto &i) { i.pitches[0] = 31; }, 8, 8, 1), kBad},
+      {"BL V null", bl(HSEG_PIXFMT_I420, [](auto &i) { i.planes[2] = nullptr; }, 8, 8, 1), kBad},
+      {"BL V pitch", bl(HSEG_PIXFMT_I420, [](auto &i) { i.pitches[2] = 7; }, 8, 8, 1), kBad},
+      {"BL chroma pitch", bl(HSEG_PIXFMT_NV12, [](auto &i) { i.pitches[1] = 15; }, 8, 8, 1),
        kBad},
-      {"BL short luma pitch", bl(HSEG_PIXFMT_NV21, [](auto &i) { i.pitches[0] = 15; }, 8, 8, 0), kBad},
+      {"BL luma pitch", bl(HSEG_PIXFMT_NV21, [](auto &i) { i.pitches[0] = 15; }, 8, 8, 0), kBad},
       {"BL null descriptor", zevImageResize_BL(nullptr, nullptr, d, 8, 8, 24, 1), kBad},
-      {"cubic 4 wide", ImageResize_Cubic_C1(nullptr, s, 4, 10, 7, d, 8, 10, 11, &c), kBad},
-      {"cubic to 4 wide", ImageResize_Cubic_C1(nullptr, s, 10, 10, 13, d, 4, 10, 7, &c), kBad},
-      {"cubic 4 high", ImageResize_Cubic_C1(nullptr, s, 10, 4, 13, d, 10, 8, 13, &c), kBad},
-      {"cubic to 4 high", ImageResize_Cubic_C1(nullptr, s, 10, 10, 13, d, 10, 4, 13, &c), kBad},
-      {"cubic null cache", ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, 8, 8, 11, nullptr), kBad},
-      {"cubic null source", ImageResize_Cubic_C1(nullptr, nullptr, 16, 16, 19, d, 8, 8, 11, &c), kBad},
-      {"cubic zero source width", ImageResize_Cubic_C1(nullptr, s, 0, 16, 19, d, 8, 8, 11, &c), kBad},
-      {"cubic zero destination height",
+      {"BC 4 wide", ImageResize_Cubic_C1(nullptr, s, 4, 10, 7, d, 8, 10, 11, &c), kBad},
+      {"BC to 4 wide", ImageResize_Cubic_C1(nullptr, s, 10, 10, 13, d, 4, 10, 7, &c), kBad},
+      {"BC 4 high", ImageResize_Cubic_C1(nullptr, s, 10, 4, 13, d, 10, 8, 13, &c), kBad},
+      {"BC to 4 high", ImageResize_Cubic_C1(nullptr, s, 10, 10, 13, d, 10, 4, 13, &c), kBad},
+      {"BC null cache", ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, 8, 8, 11, nullptr), kBad},
+      {"BC null source", ImageResize_Cubic_C1(nullptr, nullptr, 16, 16, 19, d, 8, 8, 11, &c), kBad},
+      {"BC zero source width", ImageResize_Cubic_C1(nullptr, s, 0, 16, 19, d, 8, 8, 11, &c), kBad},
+      {"BC zero destination height",
        ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, 8, 0, 11, &c), kBad},
-      {"cubic short source pitch", ImageResize_Cubic_C1(nullptr, s, 16, 16, 15, d, 8, 8, 11, &c), kBad},
-      {"cubic work block overflow",
+      {"BC short pitch", ImageResize_Cubic_C1(nullptr, s, 16, 16, 15, d, 8, 8, 11, &c), kBad},
+      {"BC work block overflow",
        ImageResize_Cubic_C1(nullptr, s, 16, 16, 19, d, INT32_MAX / 24, 8, INT32_MAX, &c), kBad}};
   for (const auto &k : cases) EXPECT_EQ(k.got, k.want) << k.what;
   EXPECT_EQ(alloc_calls(), 0);

@@ -71,7 +71,8 @@ Picture scene() {
 // that unwritten bytes show.
 struct Mask : Raster {
   OffscreenImage desc;
-  Mask(int w, int h, int pad = 0) : Raster(w, h, 1, pad), desc{HSEG_PIXFMT_GRAY, w, h, {px.data()}, {pitch}} {}
+  Mask(int w, int h, int pad = 0)
+      : Raster(w, h, 1, pad), desc{HSEG_PIXFMT_GRAY, w, h, {px.data()}, {pitch}} {}
   Mask(const Mask &) = delete;
 };
 
