@@ -3,7 +3,7 @@
 // a hang or a leak. The import's checks then run on whatever was indexed.
 //
 // Seeds: the first layers of the public model and a small classifier, in
-// each encoding the test-side writer (tests/support/caffe_writer) makes.
+// each encoding the writer in tests/caffe_import_test.cpp makes.
 #include <cstdint>
 #include <string>
 #include <vector>

@@ -3,7 +3,7 @@
 read: 1-, 8-, 24- and 32-bit files saved by Python's imaging library
 (Debian's python3-pil), and 4-bit, top-down, 16-bit and bit-field files packed
 here by hand, each checked by decoding it with the imaging library. The
-pictures follow the formulas below, which tests/bmp_test.cpp repeats.
+pictures follow the formulas below, which tests/ubo_test.cpp repeats.
 
     python3 scripts/make_bmp_samples.py     (needs python3-pil)
 """

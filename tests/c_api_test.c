@@ -1,5 +1,6 @@
 /* Compiled as C: every public header must be valid C, and the shared library
- * must link and run from a C program. */
+ * must link and run from a C program. Its allocation services are the
+ * library's own here (the other tests replace them with a counting one). */
 #include <stdio.h>
 #include <string.h>
 
@@ -8,8 +9,9 @@
 int main(void) {
   MHandle mem = 0;
   Image *img = createimg(mem, 5, 2, 8, 3);
-  if (img == NULL || img->pitch != 16 || img->size != 32) {
-    fprintf(stderr, "createimg from C gave a wrong record\n");
+  MMemFree(mem, NULL);
+  if (img == NULL || img->pitch != 16 || img->size != 32 || MMemAlloc(mem, -5) != NULL) {
+    fprintf(stderr, "createimg or MMemAlloc from C gave a wrong result\n");
     return 1;
   }
   release_img(mem, &img);

@@ -1,3 +1,1 @@
-hseg_add_test(flatnn_conv_test LIBS hseg_flatnn SOURCES flatnn_conv_test.cpp)
-hseg_add_test(flatnn_layers_test LIBS hseg_flatnn SOURCES flatnn_layers_test.cpp)
-hseg_add_test(flatnn_convmul_test LIBS hseg_flatnn SOURCES flatnn_convmul_test.cpp)
+hseg_add_test(flatnn_test LIBS hseg_flatnn SOURCES flatnn_test.cpp)

@@ -1,5 +1,3 @@
-hseg_add_test(image_test LIBS hseg_base SOURCES image_test.cpp)
-
 # Network pass
 # Whole passes on the linked weights take a few seconds each; the suite runs a
 # handful (one of them the reference route, which holds 1.5 GB).
@@ -31,7 +29,6 @@ add_dependencies(weights_tool_test hseg-weights deeplab_data)
 # Importing the public Caffe model: one full-size round trip through the tool
 # and two network passes (seconds), then damaged files, mostly in process.
 hseg_add_test(caffe_import_test LIBS hseg_pipeline SOURCES caffe_import_test.cpp
-  support/caffe_writer.cpp
   ${PROJECT_SOURCE_DIR}/tools/caffe_model.cpp
   ${PROJECT_SOURCE_DIR}/tools/caffe_import.cpp
   ${PROJECT_SOURCE_DIR}/tools/hseg_weights_io.cpp)

@@ -1,5 +1,6 @@
 // Pictures, source descriptors and canary-filled destinations shared by the
-// resizer tests, with an independent YUV-to-BGR reference.
+// resizer, toolkit and segmentation tests, with an independent YUV-to-BGR
+// reference and the nearest-neighbour index rule.
 #ifndef HSEG_TESTS_SUPPORT_RESIZE_IMAGES_H_
 #define HSEG_TESTS_SUPPORT_RESIZE_IMAGES_H_
 
@@ -34,6 +35,12 @@ void expect_clean_alloc_failures(size_t bytes, F call) {
               EXPECT_TRUE(!failing || untouched(dst)) << failing;
               EXPECT_EQ(alloc_live(), live) << failing;
             }), 1);
+}
+
+// The nearest-neighbour source index of destination index d, written out in
+// 64 bits.
+inline int64_t nn_index(int64_t src, int64_t dst, int64_t d) {
+  return (std::min(src, dst) - 1 + d * 2 * src) / (2 * dst);
 }
 
 // A logical picture: BGR pixels and, independently, Y per pixel with one U, V
