@@ -9,7 +9,7 @@
  * Plain C; every function has C linkage. No function keeps a pointer it was
  * given after it returns or logs. Two things outlive a call, both made at
  * their first use and released when the library is unloaded: the network's
- * thread pool (as many threads as OpenBLAS uses, less the caller's) and the
+ * thread pool (2n - 2 threads with OpenBLAS on n, see the README) and the
  * fast network's transformed filters (see HsegEx). Nothing else is kept
  * between calls.
  *

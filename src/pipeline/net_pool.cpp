@@ -177,7 +177,7 @@ void Pool::run(int lanes, int tasks, void (*body)(void *, int), void *ctx) {
 
 int net_default_lanes() {
   const int n = openblas_get_num_threads();
-  return n < 1 ? 1 : n;
+  return n <= 1 ? 1 : 2 * n - 1;
 }
 
 void net_parallel(int lanes, int tasks, void (*body)(void *ctx, int task), void *ctx) {

@@ -48,8 +48,8 @@ struct NetHooks {
   // In the reference route, keep every tensor until the pass ends instead of
   // releasing each after its last use.
   bool keep_all = false;
-  // Threads for the work outside the matrix products; 0 for as many as
-  // OpenBLAS uses. The scores do not depend on it.
+  // Threads for the work outside the matrix products; 0 for the pool's
+  // default (net_default_lanes()). The scores do not depend on it.
   int threads = 0;
   // The fast network: every stride-1 3x3 convolution by Winograd minimal
   // filtering (net_winograd.h), everything else as the fast route. Not with
