@@ -13,8 +13,8 @@ namespace {
 // Operands large enough to take OpenBLAS's blocked path, as the network's
 // products do (small products may go to kernels that do not block K).
 constexpr int kTrialM = 96, kTrialN = 96;
-// Depths OpenBLAS uses for single precision on x86-64 and ARM cores, most
-// common first; a multiple of the true depth passes as well.
+// Candidate depths, the one of OpenBLAS's AVX-512 kernels first; a multiple
+// of the true depth passes as well.
 constexpr int kCandidates[] = {320, 384, 256, 512, 192, 448, 128, 640, 768, 1024};
 constexpr int kMaxCandidate = 1024;
 constexpr int kTail = 64;
