@@ -225,4 +225,6 @@ BENCHMARK(BM_Hseg_BGR_1280x720)->Unit(benchmark::kMillisecond)->UseRealTime()->M
 BENCHMARK(BM_Hseg_NV21_1920x1080)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(0.1);
 BENCHMARK(BM_Hseg_Soak200)->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);
 // After the three above, which run the exact network only.
-BENCHMARK(BM_HsegTable)->Arg(5)->Iterations(1)->Unit(benchmark::kSecond);
+// Nine rounds: on a quiet two-core machine one round's ratio still moves by
+// about 5% from the next.
+BENCHMARK(BM_HsegTable)->Arg(9)->Iterations(1)->Unit(benchmark::kSecond);
