@@ -124,24 +124,25 @@ int64_t depth_band_rows(const NetLayer &l) {
   return block * std::max<int64_t>(1, kDepthBandBytes / (block * out * out * int64_t{sizeof(float)}));
 }
 
-// The input channels whose column rows cover [k0, k1).
-void depth_band_channels(int64_t k0, int64_t k1, int kernel_area, int *c0, int *c1) {
-  *c0 = static_cast<int>(k0 / kernel_area);
-  *c1 = static_cast<int>((k1 + kernel_area - 1) / kernel_area);
+// Calls visit(k0, k1, c0, c1) for every band over K of layer l in slices of
+// `rows`: column rows [k0, k1), which input channels [c0, c1) hold.
+template <typename Visit>
+void for_each_depth_band(const NetLayer &l, int64_t rows, Visit visit) {
+  const int area = l.kernel * l.kernel;
+  const int64_t k = int64_t{l.cin} * area;
+  for (int64_t k0 = 0, k1; k0 < k; k0 = k1) {
+    k1 = net_gemm_k_slice_end(k0, k, rows);
+    visit(k0, k1, static_cast<int>(k0 / area), static_cast<int>((k1 + area - 1) / area));
+  }
 }
 
 // Floats of the column copy of the widest band over K of layer l.
 int64_t depth_band_floats(const NetLayer &l, int64_t rows) {
-  const int area = l.kernel * l.kernel;
-  const int64_t k = int64_t{l.cin} * area, n = int64_t{net_out_size(l)} * net_out_size(l);
   int widest = 0;
-  for (int64_t k0 = 0, k1; k0 < k; k0 = k1) {
-    k1 = net_gemm_k_slice_end(k0, k, rows);
-    int c0, c1;
-    depth_band_channels(k0, k1, area, &c0, &c1);
+  for_each_depth_band(l, rows, [&](int64_t, int64_t, int c0, int c1) {
     widest = std::max(widest, c1 - c0);
-  }
-  return int64_t{widest} * area * n;
+  });
+  return int64_t{widest} * l.kernel * l.kernel * net_out_size(l) * net_out_size(l);
 }
 
 void *default_alloc(void *, size_t bytes, const char *) { return std::malloc(bytes); }
@@ -422,17 +423,14 @@ void Pass::run_depth_bands(int layer, const NetSources &sources, Finish finish, 
   const NetLayer &l = kNetLayers[layer];
   const int area = l.kernel * l.kernel;
   const int64_t n = int64_t{out.h} * out.w, k = int64_t{l.cin} * area;
-  for (int64_t k0 = 0, k1; k0 < k; k0 = k1) {
-    k1 = net_gemm_k_slice_end(k0, k, rows);
-    int c0, c1;
-    depth_band_channels(k0, k1, area, &c0, &c1);
+  for_each_depth_band(l, rows, [&](int64_t k0, int64_t k1, int c0, int c1) {
     const NetConvGeom g{c1 - c0, l.in_size, l.kernel, l.stride, l.pad, l.dilation, out.h};
     im2col(net_sources_slice(sources, c0, c1, l.in_size), g, 0, out.h, col);
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, l.cout, static_cast<int>(n),
                 static_cast<int>(k1 - k0), 1.0f, weight(layer, 0) + k0, static_cast<int>(k),
                 col + (k0 - int64_t{c0} * area) * n, static_cast<int>(n), k0 == 0 ? 0.0f : 1.0f,
                 out.data, static_cast<int>(n));
-  }
+  });
   float inv_std[kMaxChannels];
   this->finish(layer, finish, batch_norm(layer, finish, inv_std), nullptr, out, 0, n);
 }
