@@ -11,6 +11,8 @@
 #include <chrono>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "pipeline/net_layers.h"
@@ -44,21 +46,42 @@ inline std::vector<GemmCall> whole_layer_gemms() {
   return calls;
 }
 
-// Replays `calls` on scratch operands (allocated and touched before the
-// clock starts, released after); returns the wall time of the products.
-inline double replay(const std::vector<GemmCall> &calls, SgemmFn sgemm = cblas_sgemm) {
-  size_t a = 0, b = 0, c = 0;
-  for (const GemmCall &g : calls) {
-    a = std::max(a, static_cast<size_t>(g.m) * g.lda);
-    b = std::max(b, static_cast<size_t>(g.k) * g.ldb);
-    c = std::max(c, static_cast<size_t>(g.m) * g.ldc);
+// Replays `calls` on scratch operands; returns the wall time of the
+// products. A table that replays between the calls it times keeps one
+// Replay for all its rounds, so that the 600 MB of operands are not
+// allocated and freed between them. OpenBLAS's workers poll for work for
+// about a tenth of a second after a product: run() waits that out before it
+// returns, so that they do not take a core from the call timed next.
+class Replay {
+ public:
+  explicit Replay(std::vector<GemmCall> calls) : calls_(std::move(calls)) {
+    size_t a = 0, b = 0, c = 0;
+    for (const GemmCall &g : calls_) {
+      a = std::max(a, static_cast<size_t>(g.m) * g.lda);
+      b = std::max(b, static_cast<size_t>(g.k) * g.ldb);
+      c = std::max(c, static_cast<size_t>(g.m) * g.ldc);
+    }
+    a_.assign(a, 0.01f);
+    b_.assign(b, 0.02f);
+    c_.assign(c, 0.0f);
   }
-  std::vector<float> A(a, 0.01f), B(b, 0.02f), C(c, 0.0f);
-  const Clock::time_point t0 = Clock::now();
-  for (const GemmCall &g : calls)
-    sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, g.m, g.n, g.k, 1.0f, A.data(), g.lda,
-          B.data(), g.ldb, 0.0f, C.data(), g.ldc);
-  return seconds_since(t0);
+  double run(SgemmFn sgemm = cblas_sgemm) {
+    const Clock::time_point t0 = Clock::now();
+    for (const GemmCall &g : calls_)
+      sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, g.m, g.n, g.k, 1.0f, a_.data(), g.lda,
+            b_.data(), g.ldb, 0.0f, c_.data(), g.ldc);
+    const double seconds = seconds_since(t0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return seconds;
+  }
+
+ private:
+  std::vector<GemmCall> calls_;
+  std::vector<float> a_, b_, c_;
+};
+
+inline double replay(const std::vector<GemmCall> &calls, SgemmFn sgemm = cblas_sgemm) {
+  return Replay(calls).run(sgemm);
 }
 
 // The process's resident-set high-water mark, in MiB; reset_peak() sets it

@@ -1,8 +1,9 @@
 // The network pass on 2 threads: wall time, the time spent inside
-// cblas_sgemm against everything else, a per-stage breakdown, the peak
-// resident set of one pass, and the pure-GEMM lower bound (the same GEMMs
-// replayed alone) with the pass's ratio to it; then the table of the exact
-// and the fast network against the bound (BM_NetworkTable).
+// cblas_sgemm (per lane) against everything else, a per-stage breakdown, the
+// peak resident set of one pass, and the pure-GEMM lower bound (one GEMM per
+// convolution, replayed alone on OpenBLAS's 2 threads) with the pass's ratio
+// to it; then the table of the exact and the fast network against the bound
+// (BM_NetworkTable).
 //
 // cblas_sgemm is interposed in this program: the definition below forwards
 // to OpenBLAS's and times every call, the library's own and the layer
@@ -15,7 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,22 +33,18 @@ using hseg_bench::Clock;
 using hseg_bench::GemmCall;
 using hseg_bench::seconds_since;
 
-// CPU time of the calling thread: what the pass's own code costs, less
-// disturbed than wall time when the machine is shared.
-double thread_cpu_seconds() {
-  timespec ts;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
-}
-
-// What the interposed cblas_sgemm has seen.
+// What the interposed cblas_sgemm has seen, summed over the threads that
+// called it (the pass runs its products on its lanes).
 struct GemmLog {
-  double seconds = 0.0;
-  double cpu_seconds = 0.0;  // of the calling thread
+  std::mutex mutex;
+  double seconds = 0.0;  // inside cblas_sgemm, summed over the threads
   double flops = 0.0;
-  bool record = false;
-  std::vector<GemmCall> calls;
 } g_gemm;
+
+double gemm_seconds() {
+  std::lock_guard<std::mutex> lock(g_gemm.mutex);
+  return g_gemm.seconds;
+}
 
 hseg_bench::SgemmFn real_sgemm() {
   static const hseg_bench::SgemmFn fn =
@@ -63,12 +60,11 @@ extern "C" void cblas_sgemm(const enum CBLAS_ORDER order, const enum CBLAS_TRANS
                             const float *b, const blasint ldb, const float beta, float *c,
                             const blasint ldc) {
   const Clock::time_point t0 = Clock::now();
-  const double cpu0 = thread_cpu_seconds();
   real_sgemm()(order, ta, tb, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
-  g_gemm.cpu_seconds += thread_cpu_seconds() - cpu0;
-  g_gemm.seconds += seconds_since(t0);
+  const double s = seconds_since(t0);
+  std::lock_guard<std::mutex> lock(g_gemm.mutex);
+  g_gemm.seconds += s;
   g_gemm.flops += 2.0 * m * n * k;
-  if (g_gemm.record) g_gemm.calls.push_back({m, n, k, lda, ldb, ldc});
 }
 
 namespace {
@@ -98,9 +94,10 @@ void on_tap(void *user, const hseg::NetTap &t) {
     if (std::strcmp(t.name, kStages[i].ends_at) != 0) continue;
     const double wall = seconds_since(s->start);
     s->wall[i] += wall - s->last_wall;
-    s->gemm[i] += g_gemm.seconds - s->last_gemm;
+    const double gemm = gemm_seconds();
+    s->gemm[i] += gemm - s->last_gemm;
     s->last_wall = wall;
-    s->last_gemm = g_gemm.seconds;
+    s->last_gemm = gemm;
   }
 }
 
@@ -109,24 +106,13 @@ const std::vector<uint8_t> &image() {
   return img;
 }
 
-// The GEMMs of one fast pass, as issued.
-const std::vector<GemmCall> &pass_gemms() {
-  static const std::vector<GemmCall> calls = [] {
-    std::vector<float> scores(hseg::kNetScoreCount);
-    g_gemm.calls.clear();
-    g_gemm.record = true;
-    hseg::net_forward(image().data(), kPitch, scores.data(), hseg::net_linked_weights(), nullptr);
-    g_gemm.record = false;
-    return g_gemm.calls;
-  }();
-  return calls;
-}
-
-// The pure-GEMM bound of the fast pass: the best of three replays.
+// The pure-GEMM bound of the pass: the best of three replays of one GEMM
+// per convolution.
 double gemm_bound() {
   static const double bound = [] {
+    hseg_bench::Replay gemms(hseg_bench::whole_layer_gemms());
     double best = 1e30;
-    for (int r = 0; r < 3; ++r) best = std::min(best, hseg_bench::replay(pass_gemms(), real_sgemm()));
+    for (int r = 0; r < 3; ++r) best = std::min(best, gemms.run(real_sgemm()));
     return best;
   }();
   return bound;
@@ -148,21 +134,23 @@ void BM_NetworkPass(benchmark::State &state) {
   hooks.winograd = winograd;
   hooks.filters = &hseg::net_filter_cache();
   if (winograd) hseg::net_filter_cache().get(hseg::net_linked_weights(), 2);
-  double gemm = 0.0, wall = 0.0, peak = 0.0, flops = 0.0, other_cpu = 0.0;
+  // The pass's products run on its lanes, as many as OpenBLAS's threads:
+  // the time inside them, divided by the lanes, is their share of the wall
+  // time when the lanes are evenly loaded.
+  const double lanes = ref ? 1.0 : static_cast<double>(openblas_get_num_threads());
+  double gemm = 0.0, wall = 0.0, peak = 0.0, flops = 0.0;
   for (auto _ : state) {
     hseg_bench::reset_peak();
-    const double gemm0 = g_gemm.seconds, flops0 = g_gemm.flops;
-    const double cpu0 = thread_cpu_seconds(), gemm_cpu0 = g_gemm.cpu_seconds;
+    const double gemm0 = gemm_seconds(), flops0 = g_gemm.flops;
     stages.last_wall = 0.0;
     stages.last_gemm = gemm0;
     stages.start = Clock::now();
     const MRESULT st = hseg::net_forward(image().data(), kPitch, scores.data(),
                                          hseg::net_linked_weights(), &hooks);
     const double w = seconds_since(stages.start);
-    other_cpu += (thread_cpu_seconds() - cpu0) - (g_gemm.cpu_seconds - gemm_cpu0);
     if (st != HSEG_OK) state.SkipWithError("the pass failed");
     wall += w;
-    gemm += g_gemm.seconds - gemm0;
+    gemm += (gemm_seconds() - gemm0) / lanes;
     flops += g_gemm.flops - flops0;
     peak = std::max(peak, hseg_bench::peak_rss_mib());
     state.SetIterationTime(w);
@@ -170,7 +158,6 @@ void BM_NetworkPass(benchmark::State &state) {
   const double n = static_cast<double>(state.iterations());
   state.counters["gemm_s"] = gemm / n;
   state.counters["other_s"] = (wall - gemm) / n;
-  state.counters["other_cpu_s"] = other_cpu / n;
   state.counters["gemm_share"] = gemm / wall;
   state.counters["GFLOP/s"] = flops / gemm / 1e9;
   state.counters["peak_rss_MiB"] = peak;
@@ -180,16 +167,15 @@ void BM_NetworkPass(benchmark::State &state) {
   }
   for (int i = 0; i < kStageCount; ++i) {
     state.counters[std::string(kStages[i].name) + "_s"] = stages.wall[i] / n;
-    state.counters[std::string(kStages[i].name) + "_gemm_s"] = stages.gemm[i] / n;
+    state.counters[std::string(kStages[i].name) + "_gemm_s"] = stages.gemm[i] / lanes / n;
   }
 }
 BENCHMARK(BM_NetworkPass)->Arg(0)->Arg(1)->Arg(2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// Arg 0: the fast pass's GEMMs as issued (its bands); arg 1: one GEMM per
-// convolution over its whole output.
+// One GEMM per convolution over its whole output, on OpenBLAS's 2 threads.
 void BM_PureGemm(benchmark::State &state) {
   openblas_set_num_threads(2);
-  const std::vector<GemmCall> calls = state.range(0) == 0 ? pass_gemms() : hseg_bench::whole_layer_gemms();
+  const std::vector<GemmCall> calls = hseg_bench::whole_layer_gemms();
   double flops = 0.0;
   for (const GemmCall &g : calls) flops += 2.0 * g.m * g.n * g.k;
   double total = 0.0;
@@ -202,7 +188,7 @@ void BM_PureGemm(benchmark::State &state) {
   state.counters["GFLOP"] = flops / 1e9;
   state.counters["GFLOP/s"] = flops * static_cast<double>(state.iterations()) / total / 1e9;
 }
-BENCHMARK(BM_PureGemm)->Arg(0)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PureGemm)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // The exact and the fast network's pass against the pure-GEMM replay (one
 // GEMM per convolution), medians over rounds that run the three one after
@@ -228,7 +214,6 @@ void BM_NetworkTable(benchmark::State &state) {
       hseg::net_forward(image().data(), kPitch, scores.data(), hseg::net_linked_weights(), &hooks);
     });
   };
-  const std::vector<GemmCall> gemms = hseg_bench::whole_layer_gemms();
   std::vector<double> exact_s, fast_s, replay_s;
   hseg_bench::CallCost exact_cost, fast_cost;
   size_t exact_arena = 0;
@@ -238,8 +223,9 @@ void BM_NetworkTable(benchmark::State &state) {
     exact_arena = arena;
     pass(fast);  // makes the filters
     fast_cost = pass(fast);
+    hseg_bench::Replay gemms(hseg_bench::whole_layer_gemms());  // after the costs above
     for (int r = 0; r < rounds; ++r) {
-      replay_s.push_back(hseg_bench::replay(gemms, real_sgemm()));
+      replay_s.push_back(gemms.run(real_sgemm()));
       exact_s.push_back(pass(exact).seconds);
       fast_s.push_back(pass(fast).seconds);
     }

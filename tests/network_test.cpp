@@ -255,9 +255,10 @@ TEST(NetArena, PlannedSizeServesTheSameRequests) {
   }
 }
 
-// Every task runs exactly once on at most the lanes asked for, also when
-// four callers share the pool (asking for 1 to 4 lanes, more than there are
-// cores) and when there are fewer tasks than lanes.
+// Every task runs exactly once on at most the lanes asked for, each lane
+// number on one thread only (tasks use their lane's share of a buffer), also
+// when four callers share the pool (asking for 1 to 4 lanes, more than there
+// are cores) and when there are fewer tasks than lanes.
 TEST(NetPool, EveryTaskRunsOnceWithConcurrentCallers) {
   constexpr int kCallers = 4, kTasks = 257;
   std::vector<std::vector<int>> runs(kCallers, std::vector<int>(kTasks, 0));
@@ -268,11 +269,17 @@ TEST(NetPool, EveryTaskRunsOnceWithConcurrentCallers) {
       for (int rep = 0; rep < 50; ++rep) {
         std::mutex m;
         std::set<std::thread::id> threads;
-        hseg::net_parallel(k + 1, rep % 2 ? kTasks : 3, [&](int t) {
+        std::map<int, std::thread::id> lanes;
+        bool lanes_ok = true;
+        hseg::net_parallel(k + 1, rep % 2 ? kTasks : 3, [&](int t, int lane) {
           ++runs[k][t];
           std::lock_guard<std::mutex> lock(m);
           threads.insert(std::this_thread::get_id());
+          lanes_ok &= lane >= 0 && lane <= k &&
+                      lanes.emplace(lane, std::this_thread::get_id()).first->second ==
+                          std::this_thread::get_id();
         });
+        EXPECT_TRUE(lanes_ok) << "caller " << k;
         most_threads[k] = std::max(most_threads[k], static_cast<int>(threads.size()));
       }
     });
@@ -309,6 +316,46 @@ TEST(NetGemm, KSlicesGiveTheWholeProduct) {
     }
     EXPECT_EQ(first_diff(whole.data(), split.data(), whole.size()), whole.size())
         << "slices of " << blocks << " blocks";
+  }
+}
+
+// Products cut in parts over the lanes, with OpenBLAS held at one thread,
+// give the bits of the whole product on OpenBLAS's threads: the network's
+// shapes, among them the small pyramid and classifier products whose parts
+// OpenBLAS would send to kernels that do not block K, and a part added to
+// C (beta 1) as conv5_4's slices are.
+TEST(NetGemm, PartsOnLanesGiveTheWholeProduct) {
+  struct Shape {
+    int m, n, k;
+    float beta;
+  };
+  const Shape shapes[] = {{512, 1, 2048, 0}, {512, 4, 2048, 0}, {512, 36, 2048, 0},
+                          {2, 3600, 512, 0}, {64, 3000, 27, 0},  {128, 1800, 1152, 0},
+                          {96, 900, 1600, 1}};
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+  const int threads = openblas_get_num_threads();
+  for (const Shape &s : shapes) {
+    std::vector<float> a(size_t{1} * s.m * s.k), b(size_t{1} * s.k * s.n), c0(size_t{1} * s.m * s.n);
+    for (float &v : a) v = value(rng);
+    for (float &v : b) v = value(rng);
+    for (float &v : c0) v = value(rng);
+    std::vector<float> whole = c0;
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, s.m, s.n, s.k, 1.0f, a.data(), s.k,
+                b.data(), s.n, s.beta, whole.data(), s.n);
+    for (int lanes : {2, 3, 4}) {
+      std::vector<float> parts = c0;
+      {
+        const hseg::NetBlasLanes blas(lanes);
+        const hseg::NetBlasLanes nested(lanes);  // a second pass at once
+        EXPECT_EQ(openblas_get_num_threads(), 1);
+        hseg::net_gemm(blas.lanes(), s.m, s.n, s.k, a.data(), s.k, b.data(), s.n, s.beta,
+                       parts.data(), s.n);
+      }
+      EXPECT_EQ(openblas_get_num_threads(), threads);
+      EXPECT_EQ(first_diff(whole.data(), parts.data(), whole.size()), whole.size())
+          << s.m << "x" << s.n << "x" << s.k << " on " << lanes << " lanes";
+    }
   }
 }
 

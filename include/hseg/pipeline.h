@@ -9,7 +9,7 @@
  * Plain C; every function has C linkage. No function keeps a pointer it was
  * given after it returns or logs. Two things outlive a call, both made at
  * their first use and released when the library is unloaded: the network's
- * thread pool (2n - 2 threads with OpenBLAS on n, see the README) and the
+ * thread pool (n - 1 threads with OpenBLAS on n, see the README) and the
  * fast network's transformed filters (see HsegEx). Nothing else is kept
  * between calls.
  *
@@ -193,16 +193,18 @@ HSEG_API Image *clear_img(Image *img);
  * The weights are the read-only data symbols of libdeeplab_data.so (see
  * docs/weights.md); the library is linked against it, so another build of
  * that library with the same symbols can be swapped in without relinking.
- * The pass takes all its tensors and work buffers as one block of 106 MB,
+ * The pass takes all its tensors and work buffers as one block of 93 MB,
  * mapped from the system (not MMemAlloc) before its first matrix product
  * and advised for transparent huge pages, and releases it at the end: a
  * process running it peaks near 365 MiB resident, the 263 MB of weights
  * included (keeping every tensor would take 1.5 GB). Where the kernel grants
  * huge pages (transparent_hugepage "madvise" or "always") a pass after the
  * first takes about 50 page faults, elsewhere about 26,000. The matrix
- * products run on OpenBLAS's threads, the rest of the work on the library's
- * pool of as many threads; the scores do not depend on their number. Calls
- * on different buffers may run at once.
+ * products and the work between them run on the library's pool, as many
+ * threads as OpenBLAS has, with OpenBLAS held at one thread while a pass
+ * runs (its thread count is set back when the last pass ends); the scores
+ * do not depend on the number of threads. Calls on different buffers may
+ * run at once.
  *
  * Returns HSEG_OK, HSEG_ERR_BAD_ARGUMENT when bgr or scores is NULL or pitch
  * is below 1419, HSEG_ERR_NO_MEMORY when a tensor cannot be allocated, or the

@@ -2,10 +2,14 @@
 
 #include <cblas.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+
+#include "pipeline/net_pool.h"
 
 namespace hseg {
 namespace {
@@ -18,6 +22,18 @@ constexpr int kTrialM = 96, kTrialN = 96;
 constexpr int kCandidates[] = {320, 384, 256, 512, 192, 448, 128, 640, 768, 1024};
 constexpr int kMaxCandidate = 1024;
 constexpr int kTail = 64;
+
+// Parts of a product split over the lanes, per lane: more than one, so that
+// a lane that starts late or is slowed leaves its share to the others.
+constexpr int kPartsPerLane = 2;
+// Parts begin at multiples of this many rows or columns: a multiple of every
+// register block of OpenBLAS's single-precision kernels, so that the edge
+// of the product falls in the same block as in the whole one.
+constexpr int kPartAlign = 32;
+
+std::mutex g_blas_mutex;
+int g_blas_holders = 0;     // passes holding OpenBLAS at one thread
+int g_blas_threads = 0;     // its thread count before the first of them
 
 // Does a product whose K is 3 * block + kTail, split into K-slices at block
 // and 2 * block, give the bits of the whole one? The odd tail checks that the
@@ -61,6 +77,52 @@ int net_gemm_k_block() {
 int64_t net_gemm_k_slice_end(int64_t k0, int64_t k, int64_t rows) {
   const int64_t k1 = k0 + rows;
   return k - k1 < 2 * int64_t{net_gemm_k_block()} ? k : k1;
+}
+
+NetBlasLanes::NetBlasLanes(int lanes) {
+  std::lock_guard<std::mutex> lock(g_blas_mutex);
+  const int threads = g_blas_holders > 0 ? g_blas_threads : openblas_get_num_threads();
+  lanes_ = lanes > 0 ? lanes : std::max(1, threads);
+  serial_ = lanes_ > 1;
+  if (!serial_) return;
+  if (g_blas_holders++ == 0) {
+    g_blas_threads = threads;
+    if (threads > 1) openblas_set_num_threads(1);
+  }
+}
+
+NetBlasLanes::~NetBlasLanes() {
+  if (!serial_) return;
+  std::lock_guard<std::mutex> lock(g_blas_mutex);
+  if (--g_blas_holders == 0 && g_blas_threads > 1) openblas_set_num_threads(g_blas_threads);
+}
+
+void net_gemm(int lanes, int m, int n, int k, const float *a, int lda, const float *b, int ldb,
+              float beta, float *c, int ldc) {
+  const int units_n = (n + kPartAlign - 1) / kPartAlign, units_m = (m + kPartAlign - 1) / kPartAlign;
+  const bool by_columns = units_n >= units_m || units_n >= lanes * kPartsPerLane;
+  const int units = by_columns ? units_n : units_m;
+  const double macs = static_cast<double>(m) * n * k;
+  const int parts = static_cast<int>(
+      std::min<double>({static_cast<double>(units), lanes * double{kPartsPerLane}, macs / kNetGemmMinPartMacs}));
+  if (lanes <= 1 || parts <= 1) {
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, n, k, 1.0f, a, lda, b, ldb, beta, c,
+                ldc);
+    return;
+  }
+  net_parallel(lanes, parts, [&](int part) {
+    int u0, u1;
+    net_split(units, parts, part, &u0, &u1);
+    const int size = by_columns ? n : m;
+    const int i0 = u0 * kPartAlign, i1 = std::min(size, u1 * kPartAlign);
+    if (by_columns)
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, i1 - i0, k, 1.0f, a, lda, b + i0,
+                  ldb, beta, c + i0, ldc);
+    else
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, i1 - i0, n, k, 1.0f,
+                  a + static_cast<int64_t>(i0) * lda, lda, b, ldb, beta,
+                  c + static_cast<int64_t>(i0) * ldc, ldc);
+  });
 }
 
 }  // namespace hseg

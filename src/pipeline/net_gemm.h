@@ -1,4 +1,5 @@
-// Splitting a matrix product over its inner dimension without changing a bit.
+// Splitting a matrix product without changing a bit: over its inner
+// dimension, and over its rows or columns across the pass's lanes.
 //
 // OpenBLAS sums every element of C = A * B over K in blocks of a fixed depth
 // (its GEMM "Q", chosen per CPU; 320 for single precision on AVX-512 cores),
@@ -28,6 +29,46 @@ int net_gemm_k_block();
 // depth k cut in slices of `rows`, a multiple of net_gemm_k_block(): k0 +
 // rows, or k where less than two blocks would be left after it.
 int64_t net_gemm_k_slice_end(int64_t k0, int64_t k, int64_t rows);
+
+// Multiply-adds that a part of a product split over its rows or columns has
+// at least. OpenBLAS sends products of up to 100^3 of them to kernels that
+// sum K in one run instead of in blocks (on AVX-512 cores), which would round
+// a small part differently from the whole product.
+inline constexpr double kNetGemmMinPartMacs = 8.0 * (1 << 20);
+
+// While a pass holds one of these with more than one lane, OpenBLAS runs
+// every product on the thread that calls it, and the pass runs its products
+// on its own lanes with net_gemm (the same lanes then do the products and
+// the work between them). OpenBLAS's own threads would otherwise poll for
+// work for about a tenth of a second after each product, taking a core from
+// the lanes' work between products; and a product handed to them waits for
+// them to wake. OpenBLAS's thread count is process-wide: the first holder
+// saves it and sets 1, the last one out restores it, so passes may overlap.
+// A program that changes it while a pass runs has its change undone when the
+// last pass ends.
+class NetBlasLanes {
+ public:
+  // `lanes` threads for the pass, 0 for as many as OpenBLAS has (counted
+  // before any pass set it to 1).
+  explicit NetBlasLanes(int lanes);
+  ~NetBlasLanes();
+  NetBlasLanes(const NetBlasLanes &) = delete;
+  NetBlasLanes &operator=(const NetBlasLanes &) = delete;
+  int lanes() const { return lanes_; }
+
+ private:
+  int lanes_;
+  bool serial_;  // holds OpenBLAS at one thread
+};
+
+// C = A * B + beta * C (row major, no transposes, alpha 1) on `lanes` lanes
+// of the pool: in parts of C's columns, or of its rows when it has few
+// columns, cut at multiples of 32 and none of fewer than kNetGemmMinPartMacs,
+// so that each element is computed by the same kernel over the same K
+// blocks as in the whole product. One cblas_sgemm when lanes is 1 or the
+// product is too small to split.
+void net_gemm(int lanes, int m, int n, int k, const float *a, int lda, const float *b, int ldb,
+              float beta, float *c, int ldc);
 
 }  // namespace hseg
 

@@ -1,6 +1,5 @@
 #include "pipeline/net_pool.h"
 
-#include <cblas.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -43,7 +42,7 @@ void wait_until(Pred pred) {
 
 // One call's tasks, on the caller's stack.
 struct Job {
-  void (*body)(void *, int);
+  void (*body)(void *, int, int);
   void *ctx;
   int tasks;
   std::atomic<int> seats;    // workers that may still join
@@ -51,19 +50,18 @@ struct Job {
   std::atomic<int> done{0};  // tasks finished
 };
 
-// Runs the job's tasks until none is left to hand out.
-void take_tasks(Job *job) {
+// Runs the job's tasks as `lane` until none is left to hand out.
+void take_tasks(Job *job, int lane) {
   for (int t = job->next.fetch_add(1, std::memory_order_relaxed); t < job->tasks;
        t = job->next.fetch_add(1, std::memory_order_relaxed)) {
-    job->body(job->ctx, t);
+    job->body(job->ctx, t, lane);
     job->done.fetch_add(1, std::memory_order_release);
   }
 }
 
 // The caller works on its own job at once and waits only for tasks that a
-// worker has taken: a worker that wakes late (the other core busy, say with
-// OpenBLAS's threads polling between products) finds nothing left and costs
-// the caller nothing.
+// worker has taken: a worker that wakes late (the other core busy with
+// another process, say) finds nothing left and costs the caller nothing.
 class Pool {
  public:
   Pool() = default;
@@ -71,7 +69,7 @@ class Pool {
   Pool &operator=(const Pool &) = delete;
   ~Pool() { stop_workers(); }
 
-  void run(int lanes, int tasks, void (*body)(void *, int), void *ctx);
+  void run(int lanes, int tasks, void (*body)(void *, int, int), void *ctx);
 
  private:
   void worker(unsigned seen);
@@ -112,7 +110,11 @@ void Pool::worker(unsigned seen) {
     // and then waits for inside_ to fall to 0, cannot free it under us.
     inside_.fetch_add(1, std::memory_order_seq_cst);
     Job *job = job_.load(std::memory_order_seq_cst);
-    if (job != nullptr && job->seats.fetch_sub(1, std::memory_order_relaxed) > 0) take_tasks(job);
+    if (job != nullptr) {
+      // Seats lanes - 1 down to 1: each worker that joins its own lane.
+      const int seat = job->seats.fetch_sub(1, std::memory_order_relaxed);
+      if (seat > 0) take_tasks(job, seat);
+    }
     inside_.fetch_sub(1, std::memory_order_release);
   }
 }
@@ -150,11 +152,11 @@ void Pool::stop_workers() {
   worker_count_ = 0;
 }
 
-void Pool::run(int lanes, int tasks, void (*body)(void *, int), void *ctx) {
+void Pool::run(int lanes, int tasks, void (*body)(void *, int, int), void *ctx) {
   std::unique_lock<std::mutex> busy(job_mutex_, std::try_to_lock);
   if (!busy.owns_lock() || start_workers(lanes - 1) == 0) {
     // Busy with another caller's job, or no worker: the caller alone.
-    for (int t = 0; t < tasks; ++t) body(ctx, t);
+    for (int t = 0; t < tasks; ++t) body(ctx, t, 0);
     return;
   }
   // lanes - 1 workers may join; any others that are awake find no seat.
@@ -165,7 +167,7 @@ void Pool::run(int lanes, int tasks, void (*body)(void *, int), void *ctx) {
     generation_.fetch_add(1, std::memory_order_release);
   }
   wake_.notify_all();
-  take_tasks(&job);
+  take_tasks(&job, 0);
   // The tasks that workers took are running: wait for them, then withdraw
   // the job and wait until no worker can still be looking at it.
   wait_until([&] { return job.done.load(std::memory_order_acquire) == tasks; });
@@ -175,15 +177,10 @@ void Pool::run(int lanes, int tasks, void (*body)(void *, int), void *ctx) {
 
 }  // namespace
 
-int net_default_lanes() {
-  const int n = openblas_get_num_threads();
-  return n <= 1 ? 1 : 2 * n - 1;
-}
-
-void net_parallel(int lanes, int tasks, void (*body)(void *ctx, int task), void *ctx) {
+void net_parallel(int lanes, int tasks, void (*body)(void *ctx, int task, int lane), void *ctx) {
   if (tasks <= 0) return;
   if (lanes <= 1 || tasks == 1) {
-    for (int t = 0; t < tasks; ++t) body(ctx, t);
+    for (int t = 0; t < tasks; ++t) body(ctx, t, 0);
     return;
   }
   static Pool pool;  // made at first use, stopped when the library unloads

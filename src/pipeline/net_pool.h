@@ -1,6 +1,6 @@
-// The network's thread pool for the work between its matrix products
-// (column copies, batch-norm finishes, pooling, Winograd transforms): OpenBLAS
-// keeps both cores busy inside a GEMM, this pool does the same outside one.
+// The network's thread pool: its matrix products, cut in parts (net_gemm.h),
+// and the work between them (column copies, batch-norm finishes, pooling,
+// Winograd transforms), on the same threads.
 //
 // One pool serves the process. It starts its threads at first use, grows to
 // the largest number of lanes asked for, and stops them when the library is
@@ -11,28 +11,31 @@
 #ifndef HSEG_SRC_PIPELINE_NET_POOL_H_
 #define HSEG_SRC_PIPELINE_NET_POOL_H_
 
+#include <type_traits>
+
 namespace hseg {
 
-// The lanes the pass uses by default: one for each of OpenBLAS's n threads
-// and one more for each of its n - 1 workers (1 when OpenBLAS runs on one
-// thread). After a product, OpenBLAS's workers poll for work for about a
-// tenth of a second, yielding only to threads on their own core; with just
-// n lanes the scheduler sees the cores evenly loaded while two lanes share
-// one core and a polling worker holds the other. One more lane per worker
-// puts a lane beside each of them, to which it yields (on two cores the
-// pass's work between products then took 15 to 37% less time).
-int net_default_lanes();
+// Calls body(ctx, task, lane) once for every task in [0, tasks), on up to
+// `lanes` threads, the caller's among them, and returns when all have
+// finished. Tasks are handed out in order to whichever lane is free; `lane`
+// (0 for the caller, below `lanes`) is the calling thread's own for this
+// call, so that a task may use that lane's share of a work buffer. If the
+// pool's threads cannot be started, fewer lanes (at least the caller's) do
+// the work.
+void net_parallel(int lanes, int tasks, void (*body)(void *ctx, int task, int lane), void *ctx);
 
-// Calls body(ctx, task) once for every task in [0, tasks), on up to `lanes`
-// threads, the caller's among them, and returns when all have finished.
-// Tasks are handed out in order to whichever lane is free. If the pool's
-// threads cannot be started, fewer lanes (at least the caller's) do the work.
-void net_parallel(int lanes, int tasks, void (*body)(void *ctx, int task), void *ctx);
-
+// body(task) or body(task, lane).
 template <typename F>
 void net_parallel(int lanes, int tasks, const F &body) {
   net_parallel(
-      lanes, tasks, [](void *ctx, int task) { (*static_cast<const F *>(ctx))(task); },
+      lanes, tasks,
+      [](void *ctx, int task, int lane) {
+        const F &f = *static_cast<const F *>(ctx);
+        if constexpr (std::is_invocable_v<const F &, int, int>)
+          f(task, lane);
+        else
+          f(task);
+      },
       const_cast<void *>(static_cast<const void *>(&body)));
 }
 

@@ -351,12 +351,14 @@ void net_winograd_conv(const NetWinograd &w, const NetSources &in, const float *
       by_ranges(lanes, kc, [&](int b, int e) {
         (w.avx2 ? input_transform_avx2 : input_transform_ref)(w, in, ch, c0 + b, c0 + e, v);
       });
-      for (int xi = 0; xi < kWinoPoints; ++xi) {
+      // The products of the tile points, one per task (OpenBLAS runs each on
+      // its lane's thread while the pass holds it at one thread).
+      net_parallel(lanes, kWinoPoints, [&](int xi) {
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, w.out_channels, nt, kc, 1.0f,
                     u + static_cast<size_t>(xi) * w.out_channels * w.channels + c0, w.channels,
                     v + static_cast<size_t>(xi) * kc * nt, nt, c0 == 0 ? 0.0f : 1.0f,
                     m + static_cast<size_t>(xi) * w.out_channels * nt, nt);
-      }
+      });
     }
     const Chunk ch{r0, r1, 0, 0};
     by_ranges(lanes, w.out_channels, [&](int b, int e) {

@@ -72,7 +72,8 @@ void net_winograd_filters(const float *kernel, int out_channels, int channels, i
 // filters `u`, into `out` (out_channels x size x size). With `bn`, each value
 // y becomes relu(((y - mean) * inv_std) * scale + shift), the exact route's
 // finish; without, the raw convolution. `v` and `m` are work buffers of the
-// plan's sizes. Transforms run on `lanes` threads, the GEMMs on OpenBLAS's.
+// plan's sizes. Transforms and the GEMMs of the tile points run on `lanes`
+// lanes of the pool, each GEMM on one of them.
 void net_winograd_conv(const NetWinograd &w, const NetSources &in, const float *u,
                        const NetBn *bn, float *out, float *v, float *m, int lanes);
 

@@ -7,19 +7,21 @@
 // the last block's output, their concatenation, conv5_4 and the classifier.
 //
 // Two routes give the same bits. The reference route calls the exported layer
-// functions one layer at a time. The fast route, the default, runs a 1x1
-// stride-1 convolution as one GEMM straight on its input, and any other
-// convolution in bands of output rows: one GEMM per band on a band-sized
-// column copy (conv5_4, whose whole copy would take 531 MB, in bands over K
-// that add to its output). Batch norm, ReLU and the residual sum follow in one pass over
-// each band (the block's sum lands in its shortcut, in place), and conv5_4's
-// column copy reads conv5_3 and the pyramid branches where they lie, resizing
-// the branches' rows as it needs them, instead of a concatenation. Every
-// float operation is the one the reference route performs, in the same order:
-// OpenBLAS computes each output element over the whole K in the same order
-// whatever the number of columns it is given, or the K-slices at multiples
-// of its K-block (net_gemm.h), and the finishes repeat
-// ly_bn_frozen, ly_etlwise_sum and ly_relu_float element by element.
+// functions one layer at a time. The fast route, the default, runs every
+// convolution in bands of output rows, each band a task of the thread pool
+// that makes the band's column copy (none for a 1x1 stride-1 convolution,
+// which multiplies its input as it lies), multiplies it in one GEMM on the
+// lane's own thread and finishes it: batch norm, ReLU and the residual sum in
+// one pass over the band (the block's sum lands in its shortcut, in place).
+// conv5_4, whose whole copy would take 531 MB, goes in bands over K that add
+// to its output, its column copy reading conv5_3 and the pyramid branches
+// where they lie, resizing the branches' rows as it needs them, instead of a
+// concatenation. Every float operation is the one the reference route
+// performs, in the same order: OpenBLAS computes each output element over
+// the whole K in the same order whatever the number of columns it is given
+// (above a size, net_gemm.h), or the K-slices at multiples of its K-block,
+// and the finishes repeat ly_bn_frozen, ly_etlwise_sum and ly_relu_float
+// element by element.
 //
 // The fast network (NetHooks::winograd) is the fast route with its stride-1
 // 3x3 convolutions by Winograd minimal filtering (net_winograd.h); its scores
@@ -27,10 +29,12 @@
 //
 // The fast route takes all its memory as one arena before its first matrix
 // product (sized by a dry run of the same pass, see net_arena.h) and releases
-// each tensor to it after its last use. The work between the matrix products
-// (column copies, finishes, pooling, resizes) is split by channel over the
-// threads of the pool (net_pool.h); each channel's arithmetic is unchanged,
-// so the scores do not depend on the number of threads.
+// each tensor to it after its last use. While it runs with more than one
+// lane, OpenBLAS runs on one thread (net_gemm.h) and the pool's lanes do both
+// the products and the work between them; the work that is not in bands
+// (pooling, conv5_4's copy and finish) is split by channel. The arithmetic
+// of each element is unchanged, so the scores do not depend on the number of
+// lanes.
 #include "pipeline/network.h"
 
 #include <cblas.h>
@@ -59,19 +63,23 @@ constexpr float kMeanBgr[3] = {104.008f, 116.669f, 122.675f};
 constexpr int kConcatChannels = 4096;
 constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 
-// Band sizes of the fast route. OpenBLAS runs these products markedly faster
-// on 1800 columns than on a few hundred, so a band has at least
-// kMinBandColumns columns, or more rows when its column copy still fits in
-// kBandBytes (the stem's wide rows). A convolution whose column copy would
-// take more than kMaxBandBytes at that width (conv5_4: 36864 rows) goes in
-// bands over K instead, each all the output's columns and about
-// kDepthBandBytes of column rows, accumulated in place (net_gemm.h): its
-// 75 MB kernel is then packed once, as in one whole product, and its column
-// copy held a slice at a time. Where OpenBLAS cannot be split over K exactly,
-// it goes in the narrow row bands that fit kMaxBandBytes.
-constexpr int64_t kMinBandColumns = 1800;
-constexpr int64_t kBandBytes = int64_t{8} << 20;
-constexpr int64_t kMaxBandBytes = int64_t{64} << 20;
+// Bands of the fast route. A convolution runs in bands of output rows, each
+// a task of the pool that makes the band's column copy in its lane's share
+// of the column buffer, multiplies it on the lane's thread and finishes it,
+// one step after the other while the band is still in cache; a lane's copy
+// and finish then overlap another lane's product. A convolution has about
+// kBandsPerLane bands per lane, each with a column copy of at most
+// kLaneBandBytes and a product of at least kNetGemmMinPartMacs multiply-adds
+// (net_gemm.h). One whose bands would then have fewer than kMinBandColumns
+// columns (conv5_4: 36864 column rows, 8.8 MB per output row) goes in bands
+// over K instead, each all the output's columns and about kDepthBandBytes of
+// column rows, accumulated in place (net_gemm.h): its 75 MB kernel is then
+// packed once, as in one whole product, and its column copy held a slice at
+// a time. Where OpenBLAS cannot be split over K exactly, it goes in bands of
+// one output row.
+constexpr int kBandsPerLane = 2;
+constexpr int64_t kLaneBandBytes = int64_t{16} << 20;
+constexpr int64_t kMinBandColumns = 300;
 constexpr int64_t kDepthBandBytes = int64_t{24} << 20;
 
 // At most this many blocks are held at once by the reference route (the 156
@@ -99,17 +107,15 @@ int pool_out(int in, int kernel, int stride, int pad) {
 // A 1x1 stride-1 convolution multiplies its input as it lies.
 bool is_direct(const NetLayer &l) { return l.kernel == 1 && l.stride == 1 && l.pad == 0; }
 
-// Output rows per band of a convolution in the fast route. A direct one runs
-// as one GEMM: its finish then streams through whole planes, which is faster
-// than many short runs. The increase convolution, which ends a block in place
-// on the shortcut through a band-sized product, takes kMinBandColumns.
-int64_t band_rows(const NetLayer &l) {
-  const int64_t out = net_out_size(l);
-  if (l.role == NetRole::kIncrease) return std::min(out, (kMinBandColumns + out - 1) / out);
-  if (is_direct(l)) return out;
-  const int64_t row_bytes = int64_t{l.cin} * l.kernel * l.kernel * out * int64_t{sizeof(float)};
-  int64_t rows = std::max((kMinBandColumns + out - 1) / out, kBandBytes / row_bytes);
-  rows = std::max<int64_t>(1, std::min(rows, kMaxBandBytes / row_bytes));
+// Output rows per band of a convolution in the fast route on `lanes` lanes.
+int64_t band_rows(const NetLayer &l, int lanes) {
+  const int64_t out = net_out_size(l), k = int64_t{l.cin} * l.kernel * l.kernel;
+  const int64_t bands = int64_t{lanes} * kBandsPerLane;
+  int64_t rows = (out + bands - 1) / bands;
+  if (!is_direct(l))
+    rows = std::min(rows, std::max<int64_t>(1, kLaneBandBytes / (k * out * int64_t{sizeof(float)})));
+  const double row_macs = static_cast<double>(l.cout) * static_cast<double>(k * out);
+  rows = std::max(rows, static_cast<int64_t>(std::ceil(kNetGemmMinPartMacs / row_macs)));
   return std::min(rows, out);
 }
 
@@ -118,7 +124,7 @@ int64_t band_rows(const NetLayer &l) {
 int64_t depth_band_rows(const NetLayer &l) {
   if (is_direct(l) || l.role == NetRole::kIncrease) return 0;
   const int64_t out = net_out_size(l), k = int64_t{l.cin} * l.kernel * l.kernel;
-  if (kMaxBandBytes / (k * out * int64_t{sizeof(float)}) * out >= kMinBandColumns) return 0;
+  if (kLaneBandBytes / (k * out * int64_t{sizeof(float)}) * out >= kMinBandColumns) return 0;
   const int64_t block = net_gemm_k_block();
   if (block == 0) return 0;
   return block * std::max<int64_t>(1, kDepthBandBytes / (block * out * out * int64_t{sizeof(float)}));
@@ -158,11 +164,10 @@ NetBn bn_from(const NetBn &bn, int c0) {
 // the real one would and computes nothing.
 class Pass {
  public:
-  Pass(const float *const *weights, const NetHooks &hooks, NetArena *arena, bool dry,
+  Pass(const float *const *weights, const NetHooks &hooks, NetArena *arena, bool dry, int lanes,
        const float *filters = nullptr)
-      : weights_(weights), hooks_(hooks), arena_(arena), dry_(dry), filters_(filters) {
-    lanes_ = hooks_.threads > 0 ? hooks_.threads : net_default_lanes();
-  }
+      : weights_(weights), hooks_(hooks), arena_(arena), dry_(dry), filters_(filters),
+        lanes_(lanes) {}
   ~Pass() {
     for (int i = 0; i < held_count_; ++i)
       if (held_[i] != nullptr) hooks_.release(hooks_.user, held_[i]);
@@ -191,6 +196,8 @@ class Pass {
   void im2col(const NetSources &in, const NetConvGeom &g, int row0, int row1, float *col) const;
   void finish(int layer, Finish finish, const NetBn &bn, const float *product,
               const Tensor &out, int64_t col0, int64_t col1) const;
+  void finish_channels(int layer, Finish finish, const NetBn &bn, const float *product,
+                       const Tensor &out, int64_t col0, int64_t col1, int c0, int c1) const;
   const float *weight(int layer, int part) const {
     return weights_[net_first_tensor(layer) + part];
   }
@@ -306,29 +313,34 @@ void Pass::im2col(const NetSources &in, const NetConvGeom &g, int row0, int row1
   });
 }
 
-// What follows the matrix product, on columns [col0, col1) of `out`, split
-// by output channel over the lanes. The product is in `out`, except for the
-// end of a residual block, where it is in `product` (a band's columns only)
-// and `out` holds the shortcut.
+// What follows the matrix product, on channels [c0, c1) and columns
+// [col0, col1) of `out`. The product is in `out`, except for the end of a
+// residual block, where it is in `product` (the band's columns only) and
+// `out` holds the shortcut.
+void Pass::finish_channels(int layer, Finish finish, const NetBn &bn, const float *product,
+                           const Tensor &out, int64_t col0, int64_t col1, int c0, int c1) const {
+  const int64_t n = out.count() / out.c, band = col1 - col0;
+  float *data = out.data + c0 * n;
+  switch (finish) {
+    case Finish::kBnRelu:
+    case Finish::kBn:
+      net_bn_band(data, n, c1 - c0, col0, col1, bn_from(bn, c0), finish == Finish::kBnRelu);
+      break;
+    case Finish::kBnAddRelu:
+      net_bn_add_relu_band(product + c0 * band, band, data + col0, n, c1 - c0, band,
+                           bn_from(bn, c0));
+      break;
+    case Finish::kBias:
+      net_bias_band(data, n, c1 - c0, col0, col1, weight(layer, 1) + c0);
+      break;
+  }
+}
+
+// finish_channels on every channel, split by channel over the lanes.
 void Pass::finish(int layer, Finish finish, const NetBn &bn, const float *product,
                   const Tensor &out, int64_t col0, int64_t col1) const {
-  const int64_t n = out.count() / out.c, band = col1 - col0;
-  const float *bias = finish == Finish::kBias ? weight(layer, 1) : nullptr;
   by_channels(out.c, [&](int c0, int c1) {
-    float *data = out.data + c0 * n;
-    switch (finish) {
-      case Finish::kBnRelu:
-      case Finish::kBn:
-        net_bn_band(data, n, c1 - c0, col0, col1, bn_from(bn, c0), finish == Finish::kBnRelu);
-        break;
-      case Finish::kBnAddRelu:
-        net_bn_add_relu_band(product + c0 * band, band, data + col0, n, c1 - c0, band,
-                             bn_from(bn, c0));
-        break;
-      case Finish::kBias:
-        net_bias_band(data, n, c1 - c0, col0, col1, bias + c0);
-        break;
-    }
+    finish_channels(layer, finish, bn, product, out, col0, col1, c0, c1);
   });
 }
 
@@ -346,17 +358,18 @@ MRESULT Pass::conv_banded(int layer, const Tensor *in, int inputs, Finish finish
     sources.resized_from[i] = in[i].h == in[0].h ? 0 : in[i].h;  // a pyramid branch
   }
   if (hooks_.winograd && net_winograd_layer(l)) return conv_winograd(layer, sources, out);
-  const int64_t band = band_rows(l) * out.w;
+  // Each lane has its share of the column copy and of the product buffer.
+  const int64_t lane_band = band_rows(l, lanes_) * out.w * lanes_;
   const int64_t depth = finish == Finish::kBnAddRelu ? 0 : depth_band_rows(l);
   Tensor columns, product;  // a 1x1 convolution reads its input as it lies
   MRESULT st = HSEG_OK;
   if (!is_direct(l))
     st = make("columns", 1, 1,
               static_cast<int>(depth > 0 ? depth_band_floats(l, depth)
-                                         : int64_t{l.cin} * l.kernel * l.kernel * band),
+                                         : int64_t{l.cin} * l.kernel * l.kernel * lane_band),
               &columns, true);
   if (st == HSEG_OK && finish == Finish::kBnAddRelu)
-    st = make("product", l.cout, 1, static_cast<int>(band), &product, true);
+    st = make("product", l.cout, 1, static_cast<int>(lane_band), &product, true);
   if (st == HSEG_OK && !dry_ && depth > 0)
     run_depth_bands(layer, sources, finish, depth, columns.data, out);
   else if (st == HSEG_OK && !dry_)
@@ -385,34 +398,40 @@ MRESULT Pass::conv_winograd(int layer, const NetSources &sources, const Tensor &
   return st;
 }
 
-// The bands of conv_banded: column copy (unless `col` is null), one GEMM
-// into `out` or `product`, finish.
+// The bands of conv_banded, each a task of the pool: column copy (unless
+// `col` is null) into the lane's share of `col`, one GEMM into `out` or the
+// lane's share of `product`, finish.
 void Pass::run_bands(int layer, const NetSources &sources, Finish finish, float *col,
                      float *product, const Tensor &out) {
   const NetLayer &l = kNetLayers[layer];
   const NetConvGeom g{l.cin, l.in_size, l.kernel, l.stride, l.pad, l.dilation, out.h};
   const int64_t n = int64_t{out.h} * out.w;
   const int64_t k = int64_t{l.cin} * l.kernel * l.kernel;
-  const int64_t rows = band_rows(l);
+  const int64_t rows = band_rows(l, lanes_), band = rows * out.w;
+  const int bands = static_cast<int>((out.h + rows - 1) / rows);
   float inv_std[kMaxChannels];
   const NetBn bn = batch_norm(layer, finish, inv_std);
-  for (int row0 = 0; row0 < out.h; row0 += static_cast<int>(rows)) {
+  net_parallel(lanes_, bands, [&](int task, int lane) {
+    const int row0 = static_cast<int>(task * rows);
     const int row1 = static_cast<int>(std::min<int64_t>(out.h, row0 + rows));
     const int64_t col0 = int64_t{row0} * out.w, col1 = int64_t{row1} * out.w;
     const float *b = sources.data[0] + col0;
     int64_t ldb = n;
     if (col != nullptr) {
-      im2col(sources, g, row0, row1, col);
-      b = col;
+      float *own = col + lane * k * band;
+      net_im2col_rows(sources, g, row0, row1, own);
+      b = own;
       ldb = col1 - col0;
     }
-    float *c = product != nullptr ? product : out.data + col0;
-    const int64_t ldc = product != nullptr ? col1 - col0 : n;
+    float *own_product = product != nullptr ? product + lane * l.cout * band : nullptr;
+    float *c = own_product != nullptr ? own_product : out.data + col0;
+    const int64_t ldc = own_product != nullptr ? col1 - col0 : n;
+    // One thread's product: OpenBLAS runs on one thread while lanes_ > 1.
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, l.cout, static_cast<int>(col1 - col0),
                 static_cast<int>(k), 1.0f, weight(layer, 0), static_cast<int>(k), b,
                 static_cast<int>(ldb), 0.0f, c, static_cast<int>(ldc));
-    this->finish(layer, finish, bn, product, out, col0, col1);
-  }
+    finish_channels(layer, finish, bn, own_product, out, col0, col1, 0, out.c);
+  });
 }
 
 // The bands over K of conv_banded: for each, the column copy of the input
@@ -426,10 +445,9 @@ void Pass::run_depth_bands(int layer, const NetSources &sources, Finish finish, 
   for_each_depth_band(l, rows, [&](int64_t k0, int64_t k1, int c0, int c1) {
     const NetConvGeom g{c1 - c0, l.in_size, l.kernel, l.stride, l.pad, l.dilation, out.h};
     im2col(net_sources_slice(sources, c0, c1, l.in_size), g, 0, out.h, col);
-    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, l.cout, static_cast<int>(n),
-                static_cast<int>(k1 - k0), 1.0f, weight(layer, 0) + k0, static_cast<int>(k),
-                col + (k0 - int64_t{c0} * area) * n, static_cast<int>(n), k0 == 0 ? 0.0f : 1.0f,
-                out.data, static_cast<int>(n));
+    net_gemm(lanes_, l.cout, static_cast<int>(n), static_cast<int>(k1 - k0), weight(layer, 0) + k0,
+             static_cast<int>(k), col + (k0 - int64_t{c0} * area) * n, static_cast<int>(n),
+             k0 == 0 ? 0.0f : 1.0f, out.data, static_cast<int>(n));
   });
   float inv_std[kMaxChannels];
   this->finish(layer, finish, batch_norm(layer, finish, inv_std), nullptr, out, 0, n);
@@ -632,7 +650,8 @@ MRESULT Pass::run(const uint8_t *bgr, int32_t pitch, float *scores) {
 // in it. All the pass's memory is thus taken before its first GEMM.
 MRESULT run_in_arena(const uint8_t *bgr, int32_t pitch, float *scores,
                      const float *const *weights, const NetHooks &hooks) {
-  const int lanes = hooks.threads > 0 ? hooks.threads : net_default_lanes();
+  const NetBlasLanes blas(hooks.threads);
+  const int lanes = blas.lanes();
   const float *filters = nullptr;
   NetFilterCache own_filters;  // when the caller gives no cache; empty until used
   if (hooks.winograd) {
@@ -640,14 +659,14 @@ MRESULT run_in_arena(const uint8_t *bgr, int32_t pitch, float *scores,
     if (filters == nullptr) return HSEG_ERR_NO_MEMORY;
   }
   NetArena plan;
-  MRESULT st = Pass(weights, hooks, &plan, /*dry=*/true).run(bgr, pitch, scores);
+  MRESULT st = Pass(weights, hooks, &plan, /*dry=*/true, lanes).run(bgr, pitch, scores);
   if (st != HSEG_OK) return st;
   const size_t bytes = plan.high_water();
   const bool own = hooks.alloc == nullptr || hooks.release == nullptr;
   void *block = own ? net_arena_map(bytes) : hooks.alloc(hooks.user, bytes, "arena");
   if (block == nullptr) return HSEG_ERR_NO_MEMORY;
   NetArena arena(block, bytes);
-  st = Pass(weights, hooks, &arena, /*dry=*/false, filters).run(bgr, pitch, scores);
+  st = Pass(weights, hooks, &arena, /*dry=*/false, lanes, filters).run(bgr, pitch, scores);
   if (own)
     net_arena_unmap(block, bytes);
   else
@@ -673,7 +692,7 @@ MRESULT net_forward(const uint8_t *bgr, int32_t pitch, float *scores,
     h.alloc = default_alloc;
     h.release = default_release;
   }
-  return Pass(weights, h, nullptr, /*dry=*/false).run(bgr, pitch, scores);
+  return Pass(weights, h, nullptr, /*dry=*/false, /*lanes=*/1).run(bgr, pitch, scores);
 }
 
 }  // namespace hseg
