@@ -1,6 +1,7 @@
-// The network's thread pool: its matrix products, cut in parts (net_gemm.h),
-// and the work between them (column copies, batch-norm finishes, pooling,
-// Winograd transforms), on the same threads.
+// The network's thread pool: its matrix products (a band's on each lane, or
+// one product in parts, net_gemm.h) and the work between them (column
+// copies, batch-norm finishes, pooling, Winograd transforms), on the same
+// threads.
 //
 // One pool serves the process. It starts its threads at first use, grows to
 // the largest number of lanes asked for, and stops them when the library is

@@ -77,7 +77,7 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // packed once, as in one whole product, and its column copy held a slice at
 // a time. Where OpenBLAS cannot be split over K exactly, it goes in bands of
 // one output row.
-constexpr int kBandsPerLane = 2;
+constexpr int kBandsPerLane = 1;
 constexpr int64_t kLaneBandBytes = int64_t{16} << 20;
 constexpr int64_t kMinBandColumns = 300;
 constexpr int64_t kDepthBandBytes = int64_t{24} << 20;
