@@ -336,7 +336,8 @@ TEST(NetGemm, PartsOnLanesGiveTheWholeProduct) {
   std::uniform_real_distribution<float> value(-1.0f, 1.0f);
   const int threads = openblas_get_num_threads();
   for (const Shape &s : shapes) {
-    std::vector<float> a(size_t{1} * s.m * s.k), b(size_t{1} * s.k * s.n), c0(size_t{1} * s.m * s.n);
+    std::vector<float> a(size_t{1} * s.m * s.k), b(size_t{1} * s.k * s.n);
+    std::vector<float> c0(size_t{1} * s.m * s.n);
     for (float &v : a) v = value(rng);
     for (float &v : b) v = value(rng);
     for (float &v : c0) v = value(rng);

@@ -32,8 +32,8 @@ constexpr int kPartsPerLane = 2;
 constexpr int kPartAlign = 32;
 
 std::mutex g_blas_mutex;
-int g_blas_holders = 0;     // passes holding OpenBLAS at one thread
-int g_blas_threads = 0;     // its thread count before the first of them
+int g_blas_holders = 0;  // passes holding OpenBLAS at one thread
+int g_blas_threads = 0;  // its thread count before the first of them
 
 // Does a product whose K is 3 * block + kTail, split into K-slices at block
 // and 2 * block, give the bits of the whole one? The odd tail checks that the
@@ -99,12 +99,13 @@ NetBlasLanes::~NetBlasLanes() {
 
 void net_gemm(int lanes, int m, int n, int k, const float *a, int lda, const float *b, int ldb,
               float beta, float *c, int ldc) {
-  const int units_n = (n + kPartAlign - 1) / kPartAlign, units_m = (m + kPartAlign - 1) / kPartAlign;
+  const int units_n = (n + kPartAlign - 1) / kPartAlign;
+  const int units_m = (m + kPartAlign - 1) / kPartAlign;
   const bool by_columns = units_n >= units_m || units_n >= lanes * kPartsPerLane;
   const int units = by_columns ? units_n : units_m;
   const double macs = static_cast<double>(m) * n * k;
-  const int parts = static_cast<int>(
-      std::min<double>({static_cast<double>(units), lanes * double{kPartsPerLane}, macs / kNetGemmMinPartMacs}));
+  const double most = std::min(units, lanes * kPartsPerLane);
+  const int parts = static_cast<int>(std::min(most, macs / kNetGemmMinPartMacs));
   if (lanes <= 1 || parts <= 1) {
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, n, k, 1.0f, a, lda, b, ldb, beta, c,
                 ldc);

@@ -39,13 +39,13 @@ inline constexpr double kNetGemmMinPartMacs = 8.0 * (1 << 20);
 // While a pass holds one of these with more than one lane, OpenBLAS runs
 // every product on the thread that calls it, and the pass runs its products
 // on its own lanes, a band's product on each or one product in parts with
-// net_gemm (the same lanes then do the products and the work between them). OpenBLAS's own threads would otherwise poll for
-// work for about a tenth of a second after each product, taking a core from
-// the lanes' work between products; and a product handed to them waits for
-// them to wake. OpenBLAS's thread count is process-wide: the first holder
-// saves it and sets 1, the last one out restores it, so passes may overlap.
-// A program that changes it while a pass runs has its change undone when the
-// last pass ends.
+// net_gemm: the same lanes then do the products and the work between them.
+// OpenBLAS's own workers would otherwise poll for work for about a tenth of
+// a second after each product, taking a core from the lanes' work between
+// products, and a product handed to them waits for them to wake. OpenBLAS's
+// thread count is process-wide: the first holder saves it and sets 1, the
+// last one out restores it, so passes may overlap. A program that changes
+// it while a pass runs has its change undone when the last pass ends.
 class NetBlasLanes {
  public:
   // `lanes` threads for the pass, 0 for as many as OpenBLAS has (counted

@@ -70,7 +70,8 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // and finish then overlap another lane's product. A convolution has about
 // kBandsPerLane bands per lane, each with a column copy of at most
 // kLaneBandBytes and a product of at least kNetGemmMinPartMacs multiply-adds
-// (net_gemm.h). One whose bands would then have fewer than kMinBandColumns
+// (net_gemm.h). One band per lane ran the pass 2% faster than two and 5%
+// faster than four: each band's product packs the whole kernel again. One whose bands would then have fewer than kMinBandColumns
 // columns (conv5_4: 36864 column rows, 8.8 MB per output row) goes in bands
 // over K instead, each all the output's columns and about kDepthBandBytes of
 // column rows, accumulated in place (net_gemm.h): its 75 MB kernel is then
@@ -112,8 +113,8 @@ int64_t band_rows(const NetLayer &l, int lanes) {
   const int64_t out = net_out_size(l), k = int64_t{l.cin} * l.kernel * l.kernel;
   const int64_t bands = int64_t{lanes} * kBandsPerLane;
   int64_t rows = (out + bands - 1) / bands;
-  if (!is_direct(l))
-    rows = std::min(rows, std::max<int64_t>(1, kLaneBandBytes / (k * out * int64_t{sizeof(float)})));
+  const int64_t row_bytes = k * out * int64_t{sizeof(float)};
+  if (!is_direct(l)) rows = std::min(rows, std::max<int64_t>(1, kLaneBandBytes / row_bytes));
   const double row_macs = static_cast<double>(l.cout) * static_cast<double>(k * out);
   rows = std::max(rows, static_cast<int64_t>(std::ceil(kNetGemmMinPartMacs / row_macs)));
   return std::min(rows, out);
