@@ -321,9 +321,9 @@ TEST(NetGemm, KSlicesGiveTheWholeProduct) {
 
 // Products cut in parts over the lanes, with OpenBLAS held at one thread,
 // give the bits of the whole product on OpenBLAS's threads: the network's
-// shapes, among them the small pyramid and classifier products whose parts
-// OpenBLAS would send to kernels that do not block K, and a part added to
-// C (beta 1) as conv5_4's slices are.
+// shapes, among them the pyramid branches' few columns and the classifier
+// product, whose parts OpenBLAS would send to kernels that do not block K,
+// and a part added to C (beta 1) as conv5_4's slices are.
 TEST(NetGemm, PartsOnLanesGiveTheWholeProduct) {
   struct Shape {
     int m, n, k;

@@ -196,7 +196,7 @@ HSEG_API Image *clear_img(Image *img);
  * The pass takes all its tensors and work buffers as one block of 93 MB,
  * mapped from the system (not MMemAlloc) before its first matrix product
  * and advised for transparent huge pages, and releases it at the end: a
- * process running it peaks near 365 MiB resident, the 263 MB of weights
+ * process running it peaks near 370 MiB resident, the 263 MB of weights
  * included (keeping every tensor would take 1.5 GB). Where the kernel grants
  * huge pages (transparent_hugepage "madvise" or "always") a pass after the
  * first takes about 50 page faults, elsewhere about 26,000. The matrix

@@ -26,7 +26,7 @@ constexpr int kTail = 64;
 // Parts of a product split over the lanes, per lane: more than one, so that
 // a lane that starts late or is slowed leaves its share to the others.
 constexpr int kPartsPerLane = 2;
-// Parts begin at multiples of this many rows or columns: a multiple of every
+// Parts begin at multiples of this many columns: a multiple of every
 // register block of OpenBLAS's single-precision kernels, so that the edge
 // of the product falls in the same block as in the whole one.
 constexpr int kPartAlign = 32;
@@ -99,12 +99,9 @@ NetBlasLanes::~NetBlasLanes() {
 
 void net_gemm(int lanes, int m, int n, int k, const float *a, int lda, const float *b, int ldb,
               float beta, float *c, int ldc) {
-  const int units_n = (n + kPartAlign - 1) / kPartAlign;
-  const int units_m = (m + kPartAlign - 1) / kPartAlign;
-  const bool by_columns = units_n >= units_m || units_n >= lanes * kPartsPerLane;
-  const int units = by_columns ? units_n : units_m;
-  const double macs = static_cast<double>(m) * n * k;
+  const int units = (n + kPartAlign - 1) / kPartAlign;
   const double most = std::min(units, lanes * kPartsPerLane);
+  const double macs = static_cast<double>(m) * n * k;
   const int parts = static_cast<int>(std::min(most, macs / kNetGemmMinPartMacs));
   if (lanes <= 1 || parts <= 1) {
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, n, k, 1.0f, a, lda, b, ldb, beta, c,
@@ -114,15 +111,9 @@ void net_gemm(int lanes, int m, int n, int k, const float *a, int lda, const flo
   net_parallel(lanes, parts, [&](int part) {
     int u0, u1;
     net_split(units, parts, part, &u0, &u1);
-    const int size = by_columns ? n : m;
-    const int i0 = u0 * kPartAlign, i1 = std::min(size, u1 * kPartAlign);
-    if (by_columns)
-      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, i1 - i0, k, 1.0f, a, lda, b + i0,
-                  ldb, beta, c + i0, ldc);
-    else
-      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, i1 - i0, n, k, 1.0f,
-                  a + static_cast<int64_t>(i0) * lda, lda, b, ldb, beta,
-                  c + static_cast<int64_t>(i0) * ldc, ldc);
+    const int j0 = u0 * kPartAlign, j1 = std::min(n, u1 * kPartAlign);
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, j1 - j0, k, 1.0f, a, lda, b + j0, ldb,
+                beta, c + j0, ldc);
   });
 }
 

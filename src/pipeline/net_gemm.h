@@ -1,5 +1,5 @@
 // Splitting a matrix product without changing a bit: over its inner
-// dimension, and over its rows or columns across the pass's lanes.
+// dimension, and over its columns across the pass's lanes.
 //
 // OpenBLAS sums every element of C = A * B over K in blocks of a fixed depth
 // (its GEMM "Q", chosen per CPU; 320 for single precision on AVX-512 cores),
@@ -30,8 +30,8 @@ int net_gemm_k_block();
 // rows, or k where less than two blocks would be left after it.
 int64_t net_gemm_k_slice_end(int64_t k0, int64_t k, int64_t rows);
 
-// Multiply-adds that a part of a product split over its rows or columns has
-// at least. OpenBLAS sends products of up to 100^3 of them to kernels that
+// Multiply-adds that a part of a product split over its columns (a band of
+// the pass, or a part of net_gemm) has at least. OpenBLAS sends products of up to 100^3 of them to kernels that
 // sum K in one run instead of in blocks (on AVX-512 cores), which would round
 // a small part differently from the whole product.
 inline constexpr double kNetGemmMinPartMacs = 8.0 * (1 << 20);
@@ -62,8 +62,8 @@ class NetBlasLanes {
 };
 
 // C = A * B + beta * C (row major, no transposes, alpha 1) on `lanes` lanes
-// of the pool: in parts of C's columns, or of its rows when it has few
-// columns, cut at multiples of 32 and none of fewer than kNetGemmMinPartMacs,
+// of the pool: in parts of C's columns cut at multiples of 32, none of fewer
+// than kNetGemmMinPartMacs,
 // so that each element is computed by the same kernel over the same K
 // blocks as in the whole product. One cblas_sgemm when lanes is 1 or the
 // product is too small to split.

@@ -71,7 +71,9 @@ constexpr int kMaxChannels = 2048;  // widest batch-normalised output
 // kBandsPerLane bands per lane, each with a column copy of at most
 // kLaneBandBytes and a product of at least kNetGemmMinPartMacs multiply-adds
 // (net_gemm.h). One band per lane ran the pass 2% faster than two and 5%
-// faster than four: each band's product packs the whole kernel again. One whose bands would then have fewer than kMinBandColumns
+// faster than four: each band's product packs the whole kernel again.
+//
+// A convolution whose bands would then have fewer than kMinBandColumns
 // columns (conv5_4: 36864 column rows, 8.8 MB per output row) goes in bands
 // over K instead, each all the output's columns and about kDepthBandBytes of
 // column rows, accumulated in place (net_gemm.h): its 75 MB kernel is then
